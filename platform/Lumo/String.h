@@ -1,0 +1,64 @@
+// Lumo::String: an immutable string whose copies share one counted buffer.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace Lumo {
+
+// Strings are copied into every collection keyed by a subscription; sharing the buffer makes
+// each copy a count increment instead of an allocation. Counts are framework-thread only.
+class String {
+public:
+    String() noexcept = default;
+    String(std::string_view s);
+    String(char const* s) : String(std::string_view(s)) {}
+    String(std::string const& s) : String(std::string_view(s)) {}
+    String(String const& o) noexcept : rep_(o.rep_) { if (rep_) ++rep_->refs; }
+    String(String&& o) noexcept : rep_(o.rep_) { o.rep_ = nullptr; }
+    String& operator=(String o) noexcept { std::swap(rep_, o.rep_); return *this; }
+    ~String() { release(); }
+
+    std::string_view view() const noexcept { return rep_ ? std::string_view(rep_->data, rep_->size) : std::string_view(); }
+    operator std::string_view() const noexcept { return view(); }
+    std::string str() const { return std::string(view()); }
+    char const* c_str() const noexcept { return rep_ ? rep_->data : ""; }
+    std::size_t size() const noexcept { return rep_ ? rep_->size : 0; }
+    bool empty() const noexcept { return rep_ == nullptr; }
+    bool startsWith(std::string_view p) const noexcept { return view().starts_with(p); }
+
+    friend bool operator==(String const& a, String const& b) noexcept { return a.rep_ == b.rep_ || a.view() == b.view(); }
+    friend bool operator==(String const& a, std::string_view b) noexcept { return a.view() == b; }
+    friend bool operator==(String const& a, char const* b) noexcept { return a.view() == b; }
+    friend std::strong_ordering operator<=>(String const& a, String const& b) noexcept { return a.view() <=> b.view(); }
+
+private:
+    struct Rep {
+        std::uint32_t refs;
+        std::uint32_t size;
+        char data[1];
+    };
+    void release() noexcept;
+    Rep* rep_ = nullptr;
+};
+
+std::ostream& operator<<(std::ostream& os, String const& s);
+
+} // namespace Lumo
+
+template <>
+struct fmt::formatter<Lumo::String> : fmt::formatter<std::string_view> {
+    template <class Ctx>
+    auto format(Lumo::String const& s, Ctx& ctx) const { return fmt::formatter<std::string_view>::format(s.view(), ctx); }
+};
+
+template <>
+struct std::hash<Lumo::String> {
+    std::size_t operator()(Lumo::String const& s) const noexcept { return std::hash<std::string_view>{}(s.view()); }
+};

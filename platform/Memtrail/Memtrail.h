@@ -1,0 +1,156 @@
+// Memtrail: bounded ring buffers, one per trace level, that keep the newest trace records.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace Lumo { template <class T> class Ptr; }
+
+namespace Memtrail {
+
+inline constexpr unsigned kLevels = 10;
+
+namespace detail {
+template <class T> struct StoredArg { using type = std::decay_t<T>; };
+template <class T> struct StoredArg<Lumo::Ptr<T>> { using type = void const*; };
+template <class T> struct StoredArg<T*> { using type = void const*; };
+template <> struct StoredArg<char*> { using type = std::string; };
+template <> struct StoredArg<char const*> { using type = std::string; };
+template <> struct StoredArg<std::string_view> { using type = std::string; };
+
+template <class T> void const* asAddress(Lumo::Ptr<T> const& p) { return p.ptr(); }
+template <class T> void const* asAddress(T* p) { return p; }
+} // namespace detail
+
+// What a record keeps of an argument: the value itself, a pointer as its address (so a
+// record never keeps an object alive), any character text as an owned copy.
+template <class T>
+using Stored = typename detail::StoredArg<std::remove_cvref_t<std::decay_t<T>>>::type;
+
+template <class T>
+Stored<T> store(T&& v) {
+    using S = Stored<T>;
+    if constexpr (std::is_same_v<S, void const*>) return detail::asAddress(v);
+    else return S(std::forward<T>(v));
+}
+
+// One event: the format and a copy of its arguments. The text is made only when read.
+class Record {
+public:
+    Record() = default;
+    Record(Record const&) = delete;
+    Record& operator=(Record const&) = delete;
+    ~Record() { reset(); }
+
+    template <class... S>
+    void assign(unsigned level, char const* handle, char const* cls, char const* func,
+                std::string_view format, std::uint64_t sequence, S&&... args) {
+        reset();
+        level_ = level; handle_ = handle; class_ = cls; function_ = func; format_ = format; sequence_ = sequence;
+        using Tuple = std::tuple<std::decay_t<S>...>;
+        if constexpr (sizeof(Tuple) <= kInline && alignof(Tuple) <= alignof(std::max_align_t)) {
+            ::new (static_cast<void*>(args_)) Tuple(std::forward<S>(args)...);
+            ops_ = &opsFor<Tuple, false>;
+        } else {
+            *reinterpret_cast<Tuple**>(args_) = new Tuple(std::forward<S>(args)...);
+            ops_ = &opsFor<Tuple, true>;
+        }
+    }
+
+    bool used() const noexcept { return ops_ != nullptr; }
+    unsigned level() const noexcept { return level_; }
+    std::string_view handle() const noexcept { return handle_; }
+    std::string_view className() const noexcept { return class_; }
+    std::string_view function() const noexcept { return function_; }
+    std::string_view format() const noexcept { return format_; }
+    std::uint64_t sequence() const noexcept { return sequence_; }
+    std::string message() const;  // the formatted message
+    std::string text() const;     // "handle[level] Class::function: message"
+
+private:
+    static constexpr std::size_t kInline = 64;
+    struct Ops {
+        void (*destroy)(void*);
+        std::string (*format)(std::string_view, void const*);
+    };
+    template <class Tuple, bool Heap>
+    static Tuple const& tupleOf(void const* p) {
+        if constexpr (Heap) return **static_cast<Tuple* const*>(p);
+        else return *static_cast<Tuple const*>(p);
+    }
+    template <class Tuple, bool Heap>
+    static constexpr Ops opsFor{
+        [](void* p) {
+            if constexpr (Heap) delete *static_cast<Tuple**>(p);
+            else static_cast<Tuple*>(p)->~Tuple();
+        },
+        [](std::string_view f, void const* p) {
+            return std::apply([&](auto const&... a) { return fmt::vformat(f, fmt::make_format_args(a...)); },
+                              tupleOf<Tuple, Heap>(p));
+        }};
+    void reset() noexcept {
+        if (ops_) ops_->destroy(args_);
+        ops_ = nullptr;
+    }
+
+    Ops const* ops_ = nullptr;
+    unsigned level_ = 0;
+    char const* handle_ = "";
+    char const* class_ = "";
+    char const* function_ = "";
+    std::string_view format_;
+    std::uint64_t sequence_ = 0;
+    alignas(std::max_align_t) unsigned char args_[kInline];
+};
+
+// A set of rings, one per level; each keeps its newest `capacity` records.
+class Handle {
+public:
+    explicit Handle(std::size_t capacityPerLevel = 1024);
+    Handle(Handle const&) = delete;
+    Handle& operator=(Handle const&) = delete;
+
+    template <class... S>
+    void write(unsigned level, char const* handle, char const* cls, char const* func, std::string_view format, S&&... args) {
+        if (level >= kLevels) level = kLevels - 1;
+        Ring& r = rings_[level];
+        r.slots[r.next].assign(level, handle, cls, func, format, ++sequence_, std::forward<S>(args)...);
+        r.next = (r.next + 1) % capacity_;
+        if (r.count < capacity_) ++r.count;
+    }
+
+    std::size_t capacity() const noexcept { return capacity_; }
+    std::size_t size(unsigned level) const noexcept { return level < kLevels ? rings_[level].count : 0; }
+    // The records of one level, oldest first.
+    std::vector<Record const*> records(unsigned level) const;
+    // The records of every level merged in the order they were written.
+    std::vector<Record const*> records() const;
+    void clear();
+
+private:
+    struct Ring {
+        std::unique_ptr<Record[]> slots;
+        std::size_t next = 0;
+        std::size_t count = 0;
+    };
+    std::size_t capacity_;
+    std::uint64_t sequence_ = 0;
+    std::array<Ring, kLevels> rings_;
+};
+
+// The process's default handle; trace points write into it when it is set. The framework
+// sets one at start-up; a process may replace it or set none.
+Handle* defaultHandle() noexcept;
+void defaultHandleIs(Handle* handle) noexcept;
+
+} // namespace Memtrail

@@ -1,0 +1,84 @@
+// Wex::PtrInterface: counting with lifecycle checks, and NotifieeConst joining its notifier.
+#include "Wex/PtrInterface.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
+namespace Wex {
+
+#ifndef NDEBUG
+#define WEX_LIFECYCLE_CHECKS 1
+namespace { std::atomic<long> gLive{0}; }
+#endif
+
+void lifecycleFailure(char const* what, void const* object) noexcept {
+    std::fprintf(stderr, "Wex lifecycle check failed: %s (object %p)\n", what, object);
+    std::abort();
+}
+
+PtrInterface::PtrInterface() noexcept {
+#ifdef WEX_LIFECYCLE_CHECKS
+    gLive.fetch_add(1, std::memory_order_relaxed);
+#endif
+}
+
+PtrInterface::~PtrInterface() {
+#ifdef WEX_LIFECYCLE_CHECKS
+    if (refs_ != 0) lifecycleFailure("object deleted while counted", this);
+    gLive.fetch_sub(1, std::memory_order_relaxed);
+#endif
+}
+
+long PtrInterface::liveObjects() noexcept {
+#ifdef WEX_LIFECYCLE_CHECKS
+    return gLive.load(std::memory_order_relaxed);
+#else
+    return 0;
+#endif
+}
+
+void PtrInterface::newRef() const noexcept {
+#ifdef WEX_LIFECYCLE_CHECKS
+    if (dying_) lifecycleFailure("count taken during destruction", this);
+#endif
+    ++refs_;
+}
+
+void PtrInterface::deleteRef() const noexcept {
+#ifdef WEX_LIFECYCLE_CHECKS
+    if (refs_ == 0) lifecycleFailure("count underflow", this);
+#endif
+    if (--refs_ == 0) {
+        dying_ = true;
+        zeroReferencesIs();
+    }
+}
+
+void PtrInterface::zeroReferencesIs() const noexcept { delete this; }
+
+PtrInterface::NotifieeConst::~NotifieeConst() { notifierJoinIs(false); }
+
+void PtrInterface::NotifieeConst::notifierJoinIs(bool join) {
+    if (join == joined_) return;
+    Lumo::Publisher* list = notifier_ ? notifier_->notifieeList() : nullptr;
+    if (list) {
+        if (join) list->subscriberIs(this);
+        else list->subscriberDel(this);
+    }
+    joined_ = join && list;
+}
+
+void PtrInterface::NotifieeConst::notifierIs(Lumo::Ptr<PtrInterface const> const& notifier) {
+    if (notifier == notifier_) return;
+    notifierJoinIs(false);
+    notifier_ = notifier;
+    notifierJoinIs(notificationActive());
+}
+
+void PtrInterface::NotifieeConst::hasNotificationActiveIs(bool active) {
+    PtrInterface::hasNotificationActiveIs(active);
+    notifierJoinIs(active);
+}
+
+} // namespace Wex

@@ -1,0 +1,80 @@
+// Wex::PtrInterface: the base of every counted framework object, and its one-object watcher.
+#pragma once
+
+#include <cstdint>
+
+#include "Lumo/Ptr.h"
+#include "Lumo/Publisher.h"
+
+namespace Wex {
+
+using AttributeId = Lumo::AttributeId;
+class WexType;
+
+class PtrInterface {
+public:
+    class NotifieeConst;
+
+    PtrInterface(PtrInterface const&) = delete;
+    PtrInterface& operator=(PtrInterface const&) = delete;
+
+    std::uint32_t references() const noexcept { return refs_; }
+    void newRef() const noexcept;
+    void deleteRef() const noexcept;
+
+    bool notificationActive() const noexcept { return notificationActive_; }
+    // Creators switch notification on before handing out the first pointer; destructors
+    // switch it off first. Reactors join and leave their publishers here.
+    virtual void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
+
+    bool zombie() const noexcept { return zombie_; }
+    // A reactor marked for deletion ignores every notification.
+    virtual void wexDoZombieReactors(bool marked) { zombie_ = marked; }
+
+    // The publisher through which watchers of one object (NotifieeConst) hear of its
+    // attribute changes; null for objects that tell nobody.
+    virtual Lumo::Publisher* notifieeList() const noexcept { return nullptr; }
+    // Called when the last reference goes, while the object is still whole.
+    virtual void zeroReferencesIs() const noexcept;
+    virtual WexType const* fwkType() const noexcept { return nullptr; }
+
+    // Live framework objects, counted in builds with lifecycle checks (0 otherwise).
+    static long liveObjects() noexcept;
+
+protected:
+    PtrInterface() noexcept;
+    virtual ~PtrInterface();
+
+private:
+    mutable std::uint32_t refs_ = 0;
+    mutable bool dying_ = false;
+    bool notificationActive_ = false;
+    bool zombie_ = false;
+};
+
+// Watches one object of another library through its notifieeList().
+class PtrInterface::NotifieeConst : public PtrInterface, public Lumo::Subscriber {
+public:
+    Lumo::Ptr<PtrInterface const> const& notifier() const noexcept { return notifier_; }
+    virtual void notifierIs(Lumo::Ptr<PtrInterface const> const& notifier);
+    void hasNotificationActiveIs(bool active) override;
+
+    // One attribute of the notifier changed; value points at the new value or the key.
+    virtual void onAttribute(AttributeId attribute, void const* value) = 0;
+    virtual void onZeroReferences() {}
+
+protected:
+    NotifieeConst() = default;
+    ~NotifieeConst() override;
+    void notifierJoinIs(bool join);
+
+private:
+    void onPublish(Lumo::Publisher const&, Lumo::Change const& change) final { onAttribute(change.attribute, change.key); }
+    Lumo::Ptr<PtrInterface const> notifier_;
+    bool joined_ = false;
+};
+
+// Aborts with a message: the lifecycle checks of debug builds end here.
+[[noreturn]] void lifecycleFailure(char const* what, void const* object) noexcept;
+
+} // namespace Wex

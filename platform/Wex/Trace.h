@@ -1,0 +1,59 @@
+// Wex tracing: named trace handles with levels 0 to 9, and the one trace macro.
+#pragma once
+
+#include <bitset>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "Memtrail/Memtrail.h"
+
+namespace Wex {
+
+// A named trace channel. A level switched on formats its messages at once and hands them
+// to the sink; every trace point also writes its record into the default Memtrail handle,
+// whatever the levels, and that record is formatted only when it is read.
+class TraceHandle {
+public:
+    TraceHandle(char const* name, bool allLevelsOn);
+    TraceHandle(TraceHandle const&) = delete;
+    TraceHandle& operator=(TraceHandle const&) = delete;
+    ~TraceHandle();
+
+    char const* name() const noexcept { return name_; }
+    bool levelOn(unsigned level) const noexcept { return level < 10 && levels_[level]; }
+    void levelIs(unsigned level, bool on) noexcept;
+
+    // Levels for a handle by name, kept for handles not yet created (units create theirs on
+    // first use). Returns false for a level outside 0 to 9.
+    static bool levelIs(std::string_view handleName, unsigned level, bool on);
+    using Sink = std::function<void(std::string_view line)>;
+    // Where messages of levels switched on go; standard error by default.
+    static void sinkIs(Sink sink);
+
+    template <class... S>
+    void trace(unsigned level, char const* cls, char const* func, std::string_view format, S&&... args) {
+        if (Memtrail::Handle* m = Memtrail::defaultHandle())
+            m->write(level, name_, cls, func, format, args...);
+        if (levelOn(level)) emit(level, cls, func, fmt::vformat(format, fmt::make_format_args(args...)));
+    }
+
+private:
+    void emit(unsigned level, char const* cls, char const* func, std::string const& message) const;
+    char const* name_;
+    std::bitset<10> levels_;
+};
+
+// Arguments are stored as Memtrail keeps them: pointers as addresses, text as owned copies.
+template <class... A>
+void traceWrite(TraceHandle& h, unsigned level, char const* cls, char const* func,
+                fmt::format_string<Memtrail::Stored<A>...> format, A&&... args) {
+    h.trace(level, cls, func, format.get(), Memtrail::store(std::forward<A>(args))...);
+}
+
+} // namespace Wex
+
+// Trace at `level` through `handle` from class `cls` in the calling function.
+#define WEX_TRACE(handle, level, cls, ...) ::Wex::traceWrite((handle), (level), (cls), __func__, __VA_ARGS__)

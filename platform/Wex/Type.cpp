@@ -1,0 +1,141 @@
+// Wex type tables: the registry and generic access through attributes.
+#include "Wex/Type.h"
+
+#include <algorithm>
+#include <map>
+
+#include "Wex/Entity.h"
+
+namespace Wex {
+
+namespace {
+struct Registry {
+    std::vector<WexModule*> modules;
+    std::map<std::string, WexType const*, std::less<>> byName;
+    std::uint64_t nextSequence = 1;
+};
+Registry& registry() {
+    static Registry r;
+    return r;
+}
+} // namespace
+
+Value WexAttr::get(void const* object) const {
+    if (!get_) throw AttributeAccessException(owner_->name(), name_, "cannot be read");
+    return get_(object);
+}
+
+void WexAttr::set(void* object, Args const& args) const {
+    if (!set_) throw AttributeAccessException(owner_->name(), name_, "is read-only");
+    set_(object, args);
+}
+
+Value WexAttr::call(void* object, Args const& args) const {
+    if (!call_) throw AttributeAccessException(owner_->name(), name_, "cannot be called");
+    return call_(object, args);
+}
+
+void WexAttr::forEach(void const* object, Visitor const& visit) const {
+    if (!walk_) throw AttributeAccessException(owner_->name(), name_, "is not a collection");
+    walk_(object, visit);
+}
+
+std::size_t WexAttr::count(void const* object) const {
+    if (!count_) throw AttributeAccessException(owner_->name(), name_, "is not a collection");
+    return count_(object);
+}
+
+bool WexType::isDerived(WexType const* other) const noexcept {
+    for (WexType const* t = this; t; t = t->base())
+        if (t == other) return true;
+    return false;
+}
+
+std::vector<WexAttr const*> WexType::allAttrs() const {
+    std::vector<WexAttr const*> out;
+    if (WexType const* b = base()) out = b->allAttrs();
+    for (WexAttr const& a : attrs_) out.push_back(&a);
+    return out;
+}
+
+WexAttr const* WexType::attr(std::string_view name) const noexcept {
+    for (WexAttr const& a : attrs_)
+        if (a.name() == name) return &a;
+    WexType const* b = base();
+    return b ? b->attr(name) : nullptr;
+}
+
+WexAttr const& WexType::attrOrThrow(std::string_view name) const {
+    if (WexAttr const* a = attr(name)) return *a;
+    throw AttributeAccessException(name_, name, "no such attribute");
+}
+
+GenericIf WexType::genericIf(Lumo::Ptr<PtrInterface> const& object) const {
+    if (!object) throw NullArgumentException(name_);
+    if (!downcast_ || !downcast_(object.ptr()))
+        throw AttributeAccessException(name_, "", "object is not of this type");
+    return GenericIf{this, object.ptr(), object};
+}
+
+Value WexType::newValue(Args const& args) const {
+    if (!maker_) throw NewEntityArgsException(name_, "", "type has no generic construction");
+    return maker_(args);
+}
+
+Lumo::Ptr<Entity> WexType::newEntity(Lumo::String const& name) const {
+    if (!entityMaker_) throw NewEntityArgsException(name_, "name", "type does not make named entities");
+    return entityMaker_(name);
+}
+
+bool typeLess(WexType const* a, WexType const* b) noexcept {
+    if (a == b) return false;
+    if (!a || !b) return !a;
+    if (&a->module() != &b->module()) return a->module().sequence() < b->module().sequence();
+    return a->index() < b->index();
+}
+
+WexModule::~WexModule() = default;
+
+void wexModuleIs(WexModule& module) {
+    Registry& r = registry();
+    if (std::find(r.modules.begin(), r.modules.end(), &module) != r.modules.end()) return;
+    module.sequence_ = r.nextSequence++;
+    r.modules.push_back(&module);
+    for (std::size_t i = 0; i < module.types_.size(); ++i) {
+        r.byName[std::string(module.types_[i].name())] = &module.types_[i];
+        *module.slots_[i] = &module.types_[i];
+    }
+}
+
+void wexModuleDel(WexModule& module) noexcept {
+    Registry& r = registry();
+    auto it = std::find(r.modules.begin(), r.modules.end(), &module);
+    if (it == r.modules.end()) return;
+    r.modules.erase(it);
+    for (std::size_t i = 0; i < module.types_.size(); ++i) {
+        auto n = r.byName.find(std::string(module.types_[i].name()));
+        if (n != r.byName.end() && n->second == &module.types_[i]) r.byName.erase(n);
+        if (*module.slots_[i] == &module.types_[i]) *module.slots_[i] = nullptr;
+    }
+}
+
+std::vector<WexModule const*> wexModules() {
+    auto const& m = registry().modules;
+    return {m.begin(), m.end()};
+}
+
+WexType const* typeNode(std::string_view name) noexcept {
+    auto const& byName = registry().byName;
+    auto it = byName.find(name);
+    return it == byName.end() ? nullptr : it->second;
+}
+
+WexModuleRegistrar::WexModuleRegistrar(std::string name, void (*build)(WexModule&))
+    : module_(std::make_unique<WexModule>(std::move(name))) {
+    build(*module_);
+    wexModuleIs(*module_);
+}
+
+WexModuleRegistrar::~WexModuleRegistrar() { wexModuleDel(*module_); }
+
+} // namespace Wex

@@ -1,0 +1,173 @@
+// Wex type tables: types by full name, their attributes in declaration order, and the
+// generic read, write, call and construction that reflection offers through them.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "Lumo/Ptr.h"
+#include "Wex/Exception.h"
+#include "Wex/PtrInterface.h"
+#include "Wex/Value.h"
+
+namespace Wex {
+
+class WexType;
+class WexModule;
+class Entity;
+
+enum class AttrKind : std::uint8_t { attribute, collection, operation, staticOperation, constant };
+
+// An object seen through its type: what reflection reads, writes and calls on. For counted
+// types `object` is the PtrInterface; for value types it is the value itself.
+struct GenericIf {
+    WexType const* type = nullptr;
+    void* object = nullptr;
+    Lumo::Ptr<PtrInterface> hold;
+};
+
+class WexAttr {
+public:
+    using Getter = std::function<Value(void const*)>;
+    using Setter = std::function<void(void*, Args const&)>;
+    using Caller = std::function<Value(void*, Args const&)>;
+    using Visitor = std::function<void(Value const& key, Value const& value)>;
+    using Walker = std::function<void(void const*, Visitor const&)>;
+    using Counter = std::function<std::size_t(void const*)>;
+
+    std::string_view name() const noexcept { return name_; }
+    AttrKind kind() const noexcept { return kind_; }
+    bool readable() const noexcept { return bool(get_) || bool(walk_); }
+    bool readOnly() const noexcept { return !set_; }
+    bool callable() const noexcept { return bool(call_); }
+    std::vector<std::string> const& params() const noexcept { return params_; }
+    WexType const* owner() const noexcept { return owner_; }
+
+    Value get(void const* object) const;
+    void set(void* object, Args const& args) const;
+    Value call(void* object, Args const& args) const;
+    void forEach(void const* object, Visitor const& visit) const;
+    std::size_t count(void const* object) const;
+
+    // Writes the attribute on an object seen through its generic interface. Empty
+    // arguments reset the attribute to its initial value.
+    void genericIfSet(GenericIf const& gi, Args const& args) const { set(gi.object, args); }
+    Value genericIfGet(GenericIf const& gi) const { return get(gi.object); }
+    Value genericIfCall(GenericIf const& gi, Args const& args) const { return call(gi.object, args); }
+
+private:
+    template <class T> friend class TypeBuilder;
+    std::string name_;
+    AttrKind kind_ = AttrKind::attribute;
+    std::vector<std::string> params_;
+    WexType const* owner_ = nullptr;
+    Getter get_;
+    Setter set_;
+    Caller call_;
+    Walker walk_;
+    Counter count_;
+};
+
+class WexType {
+public:
+    std::string_view name() const noexcept { return name_; }
+    WexModule const& module() const noexcept { return *module_; }
+    std::size_t index() const noexcept { return index_; }
+    WexType const* base() const noexcept { return base_ ? base_() : nullptr; }
+    bool isCounted() const noexcept { return counted_; }
+    // True when this type is `other` or descends from it.
+    bool isDerived(WexType const* other) const noexcept;
+
+    std::deque<WexAttr> const& attrs() const noexcept { return attrs_; }
+    // Own and inherited attributes, the base's first.
+    std::vector<WexAttr const*> allAttrs() const;
+    WexAttr const* attr(std::string_view name) const noexcept;
+    // Like attr(), but an unknown name is an AttributeAccessException.
+    WexAttr const& attrOrThrow(std::string_view name) const;
+
+    GenericIf genericIf(Lumo::Ptr<PtrInterface> const& object) const;
+    // Generic construction from named arguments; refused when the type has no maker.
+    Value newValue(Args const& args) const;
+    // Makes an entity of this type named `name`, as a directory does.
+    Lumo::Ptr<Entity> newEntity(Lumo::String const& name) const;
+    bool makesEntities() const noexcept { return bool(entityMaker_); }
+
+private:
+    template <class T> friend class TypeBuilder;
+    friend class WexModule;
+    std::string name_;
+    WexModule const* module_ = nullptr;
+    std::size_t index_ = 0;
+    bool counted_ = false;
+    WexType const* (*base_)() = nullptr;
+    std::function<void*(PtrInterface*)> downcast_;
+    std::deque<WexAttr> attrs_;
+    std::function<Value(Args const&)> maker_;
+    std::function<Lumo::Ptr<Entity>(Lumo::String const&)> entityMaker_;
+};
+
+// Orders types by identity: the table they belong to, then their index in it.
+bool typeLess(WexType const* a, WexType const* b) noexcept;
+
+// The C++ type's registered WexType, or null before its table is registered.
+template <class T>
+WexType const*& wexTypeSlot() noexcept {
+    static WexType const* slot = nullptr;
+    return slot;
+}
+template <class T>
+WexType const* wexTypeOf() noexcept { return wexTypeSlot<std::remove_cv_t<T>>(); }
+
+template <class T> class TypeBuilder;
+
+// One unit's type table. Built and registered by a WexModuleRegistrar at load time.
+class WexModule {
+public:
+    explicit WexModule(std::string name) : name_(std::move(name)) {}
+    WexModule(WexModule const&) = delete;
+    WexModule& operator=(WexModule const&) = delete;
+    ~WexModule();
+
+    std::string_view name() const noexcept { return name_; }
+    std::deque<WexType> const& types() const noexcept { return types_; }
+    std::uint64_t sequence() const noexcept { return sequence_; }
+
+    template <class T>
+    TypeBuilder<T> type(std::string name);
+
+private:
+    friend void wexModuleIs(WexModule& module);
+    friend void wexModuleDel(WexModule& module) noexcept;
+    std::string name_;
+    std::deque<WexType> types_;
+    std::vector<WexType const**> slots_;
+    std::uint64_t sequence_ = 0;
+};
+
+// Registers a unit's table: its types become known by name. The registry is a function-local
+// static, so the order of static initialisation across units never matters.
+void wexModuleIs(WexModule& module);
+void wexModuleDel(WexModule& module) noexcept;
+std::vector<WexModule const*> wexModules();
+WexType const* typeNode(std::string_view name) noexcept;
+
+// Builds and registers a table at load, unregisters it at unload. One per unit:
+//   static Wex::WexModuleRegistrar registrar("KelLib/Unit", [](Wex::WexModule& m) { m.type<X>("Ns::X")...; });
+class WexModuleRegistrar {
+public:
+    WexModuleRegistrar(std::string name, void (*build)(WexModule&));
+    ~WexModuleRegistrar();
+    WexModule const& module() const noexcept { return *module_; }
+
+private:
+    std::unique_ptr<WexModule> module_;
+};
+
+} // namespace Wex
+
+#include "Wex/TypeBuilder.h"

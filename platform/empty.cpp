@@ -1,0 +1,1 @@
+// Placeholder unit while the module has no units yet.
