@@ -1,0 +1,176 @@
+// PathSubscribeConfig: derivation, comparison, hashing, text form; and the request types.
+#include "KelLib/Q7SyncSubscribeRequest.h"
+
+#include <ostream>
+
+#include <fmt/format.h>
+
+#include "KelLib/Q7SyncContainer.h"
+#include "Wex/Hash.h"
+
+namespace Kel::Q7Sync {
+
+namespace {
+constexpr char kTypeName[] = "Kel::Q7Sync::PathSubscribeConfig";
+constexpr char kSyncAttribute[] = "syncAttribute";
+
+PathSubscribeConfig const& defaultConfig() {
+    static PathSubscribeConfig const value;
+    return value;
+}
+} // namespace
+
+PathSubscribeConfig::PathSubscribeConfig() noexcept : hash0_(computeHash(0)) {}
+
+PathSubscribeConfig::PathSubscribeConfig(Kivu::IpGenAddr remoteAddr, std::uint32_t remotePort, Lumo::String remotePath,
+                                         Lumo::String syncContainerKey, Wex::WexType const* syncContainerType,
+                                         SyncRequestFlags flags)
+    : remoteAddr_(remoteAddr), remotePort_(remotePort), remotePath_(std::move(remotePath)),
+      syncContainerKey_(std::move(syncContainerKey)), syncContainerType_(syncContainerType), flags_(flags) {
+    handleInitialized();
+    hash0_ = computeHash(0);
+}
+
+void PathSubscribeConfig::handleInitialized() {
+    if (remoteAddr_.isUnspecified()) return;
+    Wex::WexType const* base = Wex::wexTypeOf<SyncContainer>();
+    if (!syncContainerType_ || !base || !syncContainerType_->isDerived(base))
+        throw Wex::NewEntityArgsException(kTypeName, "syncContainerType",
+                                          fmt::format("must be Kel::Q7Sync::SyncContainer or derived from it, not {}",
+                                                      syncContainerType_ ? syncContainerType_->name() : "no type"));
+    remoteAgentKey_ = Lumo::String(fmt::format("{}:{}", remoteAddr_.stringValue(), remotePort_));
+    localUri_ = Lumo::String(fmt::format("/q7/remote/{}/{}/{}", remoteAgentKey_, syncContainerKey_, kSyncAttribute));
+    remoteUri_ = remotePath_.startsWith("/") ? Lumo::String(fmt::format("{}{}", remoteAgentKey_, remotePath_))
+                                             : Lumo::String(fmt::format("{}/{}", remoteAgentKey_, remotePath_));
+}
+
+PathSubscribeConfig PathSubscribeConfig::createWithContainerTypeString(Kivu::IpGenAddr remoteAddr,
+                                                                       std::uint32_t remotePort,
+                                                                       Lumo::String remotePath,
+                                                                       Lumo::String syncContainerKey,
+                                                                       std::string_view syncContainerTypeName,
+                                                                       SyncRequestFlags flags) {
+    Wex::WexType const* type = Wex::typeNode(syncContainerTypeName);
+    if (!type)
+        throw Wex::NewEntityArgsException(kTypeName, "syncContainerTypeName",
+                                          fmt::format("'{}' names no registered type", syncContainerTypeName));
+    return PathSubscribeConfig(remoteAddr, remotePort, std::move(remotePath), std::move(syncContainerKey), type, flags);
+}
+
+PathSubscribeConfig PathSubscribeConfig::createWriteSyncConfig(Kivu::IpGenAddr remoteAddr, Kivu::Port remotePort,
+                                                               Lumo::String syncContainerKey,
+                                                               Wex::WexType const* syncContainerType,
+                                                               SyncRequestFlags flags) {
+    if (!::Q7Sync::WexUtils::has(flags, ::Q7Sync::WexUtils::WRITE()))
+        throw Wex::NewEntityArgsException(kTypeName, "flags", "must contain WRITE for a write-sync subscription");
+    Lumo::String path(fmt::format("/q7/writeSync/{}/{}", syncContainerKey, kSyncAttribute));
+    return PathSubscribeConfig(remoteAddr, remotePort.value(), std::move(path), std::move(syncContainerKey),
+                               syncContainerType, flags);
+}
+
+bool PathSubscribeConfig::isEq(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
+    return a.hash0_ == b.hash0_ && a.remoteAddr_ == b.remoteAddr_ && a.remotePort_ == b.remotePort_ &&
+           a.remotePath_ == b.remotePath_ && a.syncContainerKey_ == b.syncContainerKey_ &&
+           a.syncContainerType_ == b.syncContainerType_ && a.flags_ == b.flags_ &&
+           a.remoteAgentKey_ == b.remoteAgentKey_ && a.localUri_ == b.localUri_ && a.remoteUri_ == b.remoteUri_;
+}
+
+bool operator<(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
+    if (!Kivu::IpGenAddr::isEq(a.remoteAddr_, b.remoteAddr_)) return a.remoteAddr_ < b.remoteAddr_;
+    if (a.remotePort_ != b.remotePort_) return a.remotePort_ < b.remotePort_;
+    if (auto c = a.remotePath_ <=> b.remotePath_; c != 0) return c < 0;
+    if (auto c = a.syncContainerKey_ <=> b.syncContainerKey_; c != 0) return c < 0;
+    if (a.syncContainerType_ != b.syncContainerType_) return Wex::typeLess(a.syncContainerType_, b.syncContainerType_);
+    if (a.flags_ != b.flags_) return std::uint8_t(a.flags_) < std::uint8_t(b.flags_);
+    if (auto c = a.remoteAgentKey_ <=> b.remoteAgentKey_; c != 0) return c < 0;
+    if (auto c = a.localUri_ <=> b.localUri_; c != 0) return c < 0;
+    return (a.remoteUri_ <=> b.remoteUri_) < 0;
+}
+
+std::uint32_t PathSubscribeConfig::computeHash(std::uint32_t seed) const noexcept {
+    Wex::Hash h(seed);
+    h.hashMix(Kivu::Ip6Addr::hash(remoteAddr_));
+    h.hashMix(remotePort_);
+    h.hashMix(remotePath_.view()).hashMix(syncContainerKey_.view());
+    h.hashMix(reinterpret_cast<std::uint64_t>(syncContainerType_));
+    h.hashMix(std::uint32_t(std::uint8_t(flags_)));
+    h.hashMix(remoteAgentKey_.view()).hashMix(localUri_.view()).hashMix(remoteUri_.view());
+    return h.result();
+}
+
+PathSubscribeConfig::operator bool() const noexcept { return !isEq(*this, defaultConfig()); }
+
+std::string valueToStrep(PathSubscribeConfig const& c) {
+    return fmt::format("Value('{}', ** {{'remoteAddr': {}, 'remotePort': {}, 'remotePath': {}, 'syncContainerKey': {}, "
+                       "'flags': {}, 'remoteAgentKey': {}, 'localUri': {}, 'remoteUri': {}}})",
+                       kTypeName, Kivu::valueToStrep(c.remoteAddr()), c.remotePort(), Wex::valueToStrep(c.remotePath()),
+                       Wex::valueToStrep(c.syncContainerKey()), ::Q7Sync::valueToStrep(c.flags()),
+                       Wex::valueToStrep(c.remoteAgentKey()), Wex::valueToStrep(c.localUri()),
+                       Wex::valueToStrep(c.remoteUri()));
+}
+
+std::ostream& operator<<(std::ostream& os, PathSubscribeConfig const& c) { return os << valueToStrep(c); }
+
+PathSubscribeConfig::PathSubscribeConfig(Wex::CharRange& range) {
+    // Parse into a scratch range so that a failure leaves `range` where it was.
+    Wex::CharRange r = range;
+    r.require("Value('Kel::Q7Sync::PathSubscribeConfig', ** {", kTypeName);
+    r.require("'remoteAddr': ", "remoteAddr");
+    try {
+        remoteAddr_ = Kivu::sequenceToValue(r);
+    } catch (Wex::RangeException const& e) {
+        throw Wex::RangeException("remoteAddr", e.what());
+    }
+    r.require(", 'remotePort': ", "remotePort");
+    remotePort_ = r.deserializeAttr<std::uint32_t>("remotePort");
+    r.require(", 'remotePath': ", "remotePath");
+    remotePath_ = r.deserializeAttr<Lumo::String>("remotePath");
+    r.require(", 'syncContainerKey': ", "syncContainerKey");
+    syncContainerKey_ = r.deserializeAttr<Lumo::String>("syncContainerKey");
+    r.require(", 'flags': ", "flags");
+    try {
+        flags_ = ::Q7Sync::sequenceToValue(r);
+    } catch (Wex::RangeException const& e) {
+        throw Wex::RangeException("flags", e.what());
+    }
+    r.require(", 'remoteAgentKey': ", "remoteAgentKey");
+    remoteAgentKey_ = r.deserializeAttr<Lumo::String>("remoteAgentKey");
+    r.require(", 'localUri': ", "localUri");
+    localUri_ = r.deserializeAttr<Lumo::String>("localUri");
+    r.require(", 'remoteUri': ", "remoteUri");
+    remoteUri_ = r.deserializeAttr<Lumo::String>("remoteUri");
+    r.require("})", kTypeName);
+    hash0_ = computeHash(0);
+    range = r;
+}
+
+namespace {
+void buildTypeTable(Wex::WexModule& m) {
+    using C = PathSubscribeConfig;
+    m.type<C>(kTypeName)
+        .readOnly("remoteAddr", [](C const& c) { return c.remoteAddr(); })
+        .readOnly("remotePort", [](C const& c) { return c.remotePort(); })
+        .readOnly("remotePath", [](C const& c) { return c.remotePath(); })
+        .readOnly("syncContainerKey", [](C const& c) { return c.syncContainerKey(); })
+        .readOnly("flags", [](C const& c) { return c.flags(); })
+        .readOnly("remoteAgentKey", [](C const& c) { return c.remoteAgentKey(); })
+        .readOnly("localUri", [](C const& c) { return c.localUri(); })
+        .readOnly("remoteUri", [](C const& c) { return c.remoteUri(); })
+        .hidden("handleInitialized")
+        .staticOperation("createWithContainerTypeString",
+                         {"remoteAddr", "remotePort", "remotePath", "syncContainerKey", "syncContainerTypeName", "flags"},
+                         [](Wex::Args const& a) {
+                             return C::createWithContainerTypeString(
+                                 a.get<Kivu::IpGenAddr>(kTypeName, "remoteAddr"),
+                                 a.get<std::uint32_t>(kTypeName, "remotePort"),
+                                 a.get<Lumo::String>(kTypeName, "remotePath"),
+                                 a.get<Lumo::String>(kTypeName, "syncContainerKey"),
+                                 a.get<Lumo::String>(kTypeName, "syncContainerTypeName").view(),
+                                 a.get<C::SyncRequestFlags>(kTypeName, "flags"));
+                         });
+    // REQUEST-TYPES-TABLE (the request types register here)
+}
+Wex::WexModuleRegistrar registrar("KelLib/Q7SyncSubscribeRequest", buildTypeTable);
+} // namespace
+
+} // namespace Kel::Q7Sync

@@ -1,0 +1,85 @@
+// The subscription value PathSubscribeConfig, and the requests that clients hold for it.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+#include "Kivu/IpGenAddr.h"
+#include "Lumo/String.h"
+#include "Oru/Dedup.h"
+#include "Q7Sync/Flags.h"
+#include "Wex/CharRange.h"
+#include "Wex/Type.h"
+
+namespace Kel::Q7Sync {
+
+// One subscription: which path of which remote agent is mirrored into what kind of local
+// container, under which key, with which request flags. The three derived strings are
+// computed once, at construction, from the six given fields.
+class PathSubscribeConfig : public Oru::DedupContentHandle {
+public:
+    using SyncRequestFlags = ::Q7Sync::WexUtils::SyncRequestFlags;
+
+    // The default value: unspecified address, nothing derived; false as a truth value.
+    PathSubscribeConfig() noexcept;
+    // Refuses, with Wex::NewEntityArgsException naming "syncContainerType", a container type
+    // that is not SyncContainer or derived from it when the address is specified.
+    PathSubscribeConfig(Kivu::IpGenAddr remoteAddr, std::uint32_t remotePort, Lumo::String remotePath,
+                        Lumo::String syncContainerKey, Wex::WexType const* syncContainerType, SyncRequestFlags flags);
+    // Reads the text form; the derived strings are taken as they stand. No container type.
+    explicit PathSubscribeConfig(Wex::CharRange& range);
+
+    // The container type named by its full registered name; an unknown name is refused with
+    // Wex::NewEntityArgsException naming "syncContainerTypeName".
+    static PathSubscribeConfig createWithContainerTypeString(Kivu::IpGenAddr remoteAddr, std::uint32_t remotePort,
+                                                             Lumo::String remotePath, Lumo::String syncContainerKey,
+                                                             std::string_view syncContainerTypeName,
+                                                             SyncRequestFlags flags);
+    // A write-sync subscription: the remote path is "/q7/writeSync/<key>/syncAttribute".
+    // Flags without WRITE are refused with Wex::NewEntityArgsException naming "flags".
+    static PathSubscribeConfig createWriteSyncConfig(Kivu::IpGenAddr remoteAddr, Kivu::Port remotePort,
+                                                     Lumo::String syncContainerKey,
+                                                     Wex::WexType const* syncContainerType, SyncRequestFlags flags);
+
+    Kivu::IpGenAddr const& remoteAddr() const noexcept { return remoteAddr_; }
+    std::uint32_t remotePort() const noexcept { return remotePort_; }
+    Lumo::String const& remotePath() const noexcept { return remotePath_; }
+    Lumo::String const& syncContainerKey() const noexcept { return syncContainerKey_; }
+    Wex::WexType const* syncContainerType() const noexcept { return syncContainerType_; }
+    SyncRequestFlags flags() const noexcept { return flags_; }
+    Lumo::String const& remoteAgentKey() const noexcept { return remoteAgentKey_; }
+    Lumo::String const& localUri() const noexcept { return localUri_; }
+    Lumo::String const& remoteUri() const noexcept { return remoteUri_; }
+
+    // All nine fields equal; the container type by identity.
+    static bool isEq(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept;
+    friend bool operator==(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept { return isEq(a, b); }
+    // Field by field in declaration order; the first field that differs decides.
+    friend bool operator<(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept;
+    std::uint32_t hash(std::uint32_t seed) const noexcept { return seed == 0 ? hash0_ : computeHash(seed); }
+    explicit operator bool() const noexcept;
+
+private:
+    void handleInitialized();
+    std::uint32_t computeHash(std::uint32_t seed) const noexcept;
+
+    Kivu::IpGenAddr remoteAddr_;
+    std::uint32_t remotePort_ = 0;
+    Lumo::String remotePath_;
+    Lumo::String syncContainerKey_;
+    Wex::WexType const* syncContainerType_ = nullptr;
+    SyncRequestFlags flags_{};
+    Lumo::String remoteAgentKey_;
+    Lumo::String localUri_;
+    Lumo::String remoteUri_;
+    // hash(0), the seed of the dedup table and of every collection keyed by subscription,
+    // computed once: subscriptions are looked up in half a dozen tables each.
+    std::uint32_t hash0_ = 0;
+};
+
+std::string valueToStrep(PathSubscribeConfig const& config);
+std::ostream& operator<<(std::ostream& os, PathSubscribeConfig const& config);
+
+} // namespace Kel::Q7Sync
