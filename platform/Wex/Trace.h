@@ -50,7 +50,8 @@ private:
 template <class... A>
 void traceWrite(TraceHandle& h, unsigned level, char const* cls, char const* func,
                 fmt::format_string<Memtrail::Stored<A>...> format, A&&... args) {
-    h.trace(level, cls, func, format.get(), Memtrail::store(std::forward<A>(args))...);
+    fmt::string_view const text = format;
+    h.trace(level, cls, func, std::string_view(text.data(), text.size()), Memtrail::store(std::forward<A>(args))...);
 }
 
 } // namespace Wex
