@@ -50,6 +50,7 @@ private:
 std::string valueToStrep(std::string_view s);
 inline std::string valueToStrep(Lumo::String const& s) { return valueToStrep(s.view()); }
 inline std::string valueToStrep(char const* s) { return valueToStrep(std::string_view(s)); }
+inline std::string valueToStrep(std::string const& s) { return valueToStrep(std::string_view(s)); }
 
 // Parses a whole string with T's CharRange constructor; text left over is an error.
 template <class T>

@@ -42,14 +42,18 @@ void PtrInterface::newRef() const noexcept {
 #ifdef WEX_LIFECYCLE_CHECKS
     if (dying_) lifecycleFailure("count taken during destruction", this);
 #endif
-    ++refs_;
+    if (atomicCount_) std::atomic_ref<std::uint32_t>(refs_).fetch_add(1, std::memory_order_relaxed);
+    else ++refs_;
 }
 
 void PtrInterface::deleteRef() const noexcept {
 #ifdef WEX_LIFECYCLE_CHECKS
-    if (refs_ == 0) lifecycleFailure("count underflow", this);
+    if (refs_ == 0 && !atomicCount_) lifecycleFailure("count underflow", this);
 #endif
-    if (--refs_ == 0) {
+    std::uint32_t const left = atomicCount_ ? std::atomic_ref<std::uint32_t>(refs_).fetch_sub(1, std::memory_order_acq_rel) - 1
+                                            : --refs_;
+    if (left == UINT32_MAX) lifecycleFailure("count underflow", this);
+    if (left == 0) {
         dying_ = true;
         zeroReferencesIs();
     }

@@ -44,9 +44,14 @@ public:
 protected:
     PtrInterface() noexcept;
     virtual ~PtrInterface();
+    // For the few objects that threads other than the framework's take references on (a
+    // process-wide singleton): their count is kept with atomic operations. Call before the
+    // first reference is handed out.
+    void countAtomicallyIs() noexcept { atomicCount_ = true; }
 
 private:
     mutable std::uint32_t refs_ = 0;
+    bool atomicCount_ = false;
     mutable bool dying_ = false;
     bool notificationActive_ = false;
     bool zombie_ = false;

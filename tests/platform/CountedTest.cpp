@@ -1,0 +1,141 @@
+// Counted pointers and the lifecycle checks of the framework's counted objects.
+#include <gtest/gtest.h>
+
+#include "Lumo/Ptr.h"
+#include "Lumo/String.h"
+#include "Wex/PtrInterface.h"
+
+namespace {
+
+class Tracked : public Wex::PtrInterface {
+public:
+    explicit Tracked(int* deaths, Lumo::Ptr<Tracked> next = nullptr) : deaths_(deaths), next_(std::move(next)) {}
+    Lumo::Ptr<Tracked> next_;
+
+protected:
+    ~Tracked() override { ++*deaths_; }
+
+private:
+    int* deaths_;
+};
+
+TEST(Ptr, CountsCopiesAndMovesAndDeletesWithTheLast) {
+    int deaths = 0;
+    Lumo::Ptr<Tracked> a(new Tracked(&deaths));
+    EXPECT_EQ(a->references(), 1u);
+    {
+        Lumo::Ptr<Tracked> b = a;
+        Lumo::Ptr<Tracked const> c = b;
+        EXPECT_EQ(a->references(), 3u);
+        Lumo::Ptr<Tracked const> d = std::move(c);
+        EXPECT_EQ(c, nullptr);
+        EXPECT_EQ(a->references(), 3u);
+    }
+    EXPECT_EQ(a->references(), 1u);
+    a = nullptr;
+    EXPECT_EQ(deaths, 1);
+}
+
+TEST(Ptr, SelfAssignmentKeepsTheObject) {
+    int deaths = 0;
+    Lumo::Ptr<Tracked> a(new Tracked(&deaths));
+    auto& alias = a;
+    a = alias;
+    EXPECT_EQ(deaths, 0);
+    EXPECT_EQ(a->references(), 1u);
+}
+
+TEST(Ptr, AssigningFromAnObjectOwnedOnlyByTheOldValueIsSafe) {
+    int deaths = 0;
+    Lumo::Ptr<Tracked> head(new Tracked(&deaths, Lumo::Ptr<Tracked>(new Tracked(&deaths))));
+    // head->next_ is kept alive only by head; the new reference must be taken first.
+    head = head->next_;
+    EXPECT_EQ(deaths, 1);
+    ASSERT_TRUE(head);
+    EXPECT_EQ(head->references(), 1u);
+}
+
+TEST(Ptr, CastsKeepTheCount) {
+    int deaths = 0;
+    Lumo::Ptr<Wex::PtrInterface> base(new Tracked(&deaths));
+    Lumo::Ptr<Tracked> down = Lumo::ptr_cast<Tracked>(base);
+    ASSERT_TRUE(down);
+    EXPECT_EQ(base->references(), 2u);
+    EXPECT_FALSE((Lumo::ptr_cast<Wex::PtrInterface::NotifieeConst>(base)));
+}
+
+TEST(String, CopiesShareTheTextAndCompareByContent) {
+    Lumo::String a("remote/path");
+    Lumo::String b = a;
+    Lumo::String c(std::string("remote/path"));
+    EXPECT_EQ(a.c_str(), b.c_str());
+    EXPECT_EQ(a, c);
+    EXPECT_LT(Lumo::String("a"), Lumo::String("b"));
+    EXPECT_TRUE(Lumo::String("").empty());
+    EXPECT_EQ(Lumo::String().size(), 0u);
+    EXPECT_STREQ(Lumo::String().c_str(), "");
+}
+
+#ifndef NDEBUG
+using Lifecycle = ::testing::Test;
+
+class Plain : public Wex::PtrInterface {
+public:
+    Plain() = default;
+    ~Plain() override = default;
+};
+
+TEST(LifecycleDeathTest, CountUnderflowAborts) {
+    // An object that was never counted: releasing a reference it does not have.
+    EXPECT_DEATH(
+        {
+            Plain p;
+            p.deleteRef();
+        },
+        "count underflow");
+}
+
+class TakesCountWhileDying : public Wex::PtrInterface {
+protected:
+    ~TakesCountWhileDying() override { Lumo::Ptr<TakesCountWhileDying> again(this); again.detach(); }
+};
+
+TEST(LifecycleDeathTest, CountTakenDuringDestructionAborts) {
+    EXPECT_DEATH({ Lumo::Ptr<TakesCountWhileDying> p(new TakesCountWhileDying()); }, "count taken during destruction");
+}
+
+TEST(LifecycleDeathTest, DeletingACountedObjectAborts) {
+    EXPECT_DEATH(
+        {
+            auto* p = new Plain();
+            Lumo::Ptr<Plain> held(p);
+            delete p;
+        },
+        "object deleted while counted");
+}
+
+TEST(LifecycleDeathTest, PublisherDestroyedWithSubscribersAborts) {
+    struct Sub : Lumo::Subscriber {
+        void onPublish(Lumo::Publisher const&, Lumo::Change const&) override {}
+    };
+    EXPECT_DEATH(
+        {
+            Sub s;
+            auto* p = new Lumo::Publisher();
+            p->subscriberIs(&s);
+            delete p;
+        },
+        "destroyed with 1 subscriber");
+}
+
+TEST(Lifecycle, LiveObjectsAreCounted) {
+    long const before = Wex::PtrInterface::liveObjects();
+    {
+        Lumo::Ptr<Plain> p(new Plain());
+        EXPECT_EQ(Wex::PtrInterface::liveObjects(), before + 1);
+    }
+    EXPECT_EQ(Wex::PtrInterface::liveObjects(), before);
+}
+#endif
+
+} // namespace
