@@ -1,0 +1,36 @@
+// Oru::DumpContext: routing dump text, and the context's type table.
+#include "Oru/DumpContext.h"
+
+#include "Wex/Type.h"
+
+namespace Oru {
+
+DumpContext::DumpContext(int fd, CompressedFile* compressedFile, unsigned level)
+    : fd_(fd), compressedFile_(compressedFile), level_(level) {
+    if (fd < -1) throw Wex::RangeException("fd", "is neither a file descriptor nor -1");
+    if (fd >= 0) fdBuffer_ = new Termout::NonBlockingCliTxnBuffer(fd);
+}
+
+void DumpContext::write(std::string_view text) noexcept {
+    if (writer_) writer_->write(text);
+    else if (fdBuffer_) fdBuffer_->write(text);
+}
+
+void DumpContext::flush() noexcept {
+    if (writer_) writer_->buffer()->flush();
+    else if (fdBuffer_) fdBuffer_->flush();
+}
+
+Wex::WexType const* DumpContext::fwkType() const noexcept { return Wex::wexTypeOf<DumpContext>(); }
+
+namespace {
+Wex::WexModuleRegistrar registrar("Oru/DumpContext", [](Wex::WexModule& m) {
+    m.type<DumpContext>("Oru::DumpContext")
+        .readOnly("fd", [](DumpContext const& c) { return c.fd(); })
+        .readOnly("level", [](DumpContext const& c) { return c.level(); })
+        .readOnly("followWeakReferences", [](DumpContext const& c) { return c.followWeakReferences(); })
+        .readOnly("objectsShown", [](DumpContext const& c) { return c.objectsShown(); });
+});
+} // namespace
+
+} // namespace Oru

@@ -1,0 +1,71 @@
+// Oru::DumpContext: where a state dump writes, how far it goes, and what it has shown.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+#include <unordered_set>
+
+#include "Lumo/Ptr.h"
+#include "Termout/DumpStateWriterCallback.h"
+#include "Termout/NonBlockingCliTxnBuffer.h"
+#include "Wex/PtrInterface.h"
+
+namespace Oru {
+
+// A compressed dump file of a caller that keeps one; this library only passes it along.
+struct CompressedFile;
+
+// One dump. Text goes to the writer when one is given, else to `fd` (through a buffer of
+// its own), else nowhere. Every object shown is remembered, so a dump never shows an object
+// twice and never loops.
+class DumpContext : public Wex::PtrInterface {
+public:
+    static constexpr unsigned kDepthLimit = 64;
+
+    // `level` is the deepest depth a walk goes to, 0 meaning kDepthLimit (which also caps
+    // it). `fd` -1 means no descriptor; any other negative one is a Wex::RangeException.
+    DumpContext(int fd, CompressedFile* compressedFile, unsigned level);
+
+    int fd() const noexcept { return fd_; }
+    CompressedFile* compressedFile() const noexcept { return compressedFile_; }
+    unsigned level() const noexcept { return level_; }
+    unsigned depthLimit() const noexcept { return level_ == 0 || level_ > kDepthLimit ? kDepthLimit : level_; }
+
+    Lumo::Ptr<Termout::DumpStateWriterCallback> const& writer() const noexcept { return writer_; }
+    void writerIs(Lumo::Ptr<Termout::DumpStateWriterCallback> writer) noexcept { writer_ = std::move(writer); }
+
+    // Whether attributes marked as back pointers (Oru::WeakRef values) are followed. Other
+    // plain pointers are never followed, as reflection shows them as addresses already; so
+    // the option matters only for attributes marked that way. On by default; the dump
+    // command switches it off to show each object under its owner alone.
+    bool followWeakReferences() const noexcept { return followWeakReferences_; }
+    void followWeakReferencesIs(bool follow) noexcept { followWeakReferences_ = follow; }
+
+    void write(std::string_view text) noexcept;
+    // Hands what is buffered to the descriptor (the writer's buffer, or the context's own).
+    void flush() noexcept;
+
+    // Records `object` as shown; false when it was shown already.
+    bool visitedIs(Wex::PtrInterface const* object) { return visited_.insert(object).second; }
+    bool visited(Wex::PtrInterface const* object) const noexcept { return visited_.count(object) != 0; }
+    std::size_t objectsShown() const noexcept { return visited_.size(); }
+
+    Wex::WexType const* fwkType() const noexcept override;
+
+protected:
+    // The context's own buffer flushes as it goes.
+    ~DumpContext() override = default;
+
+private:
+    int fd_;
+    CompressedFile* compressedFile_;
+    unsigned level_;
+    bool followWeakReferences_ = true;
+    Lumo::Ptr<Termout::DumpStateWriterCallback> writer_;
+    Lumo::Ptr<Termout::NonBlockingCliTxnBuffer> fdBuffer_;
+    std::unordered_set<Wex::PtrInterface const*> visited_;
+};
+
+} // namespace Oru
+
+#include "Oru/DumpGeneric.h"
