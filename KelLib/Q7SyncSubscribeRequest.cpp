@@ -2,10 +2,12 @@
 #include "KelLib/Q7SyncSubscribeRequest.h"
 
 #include <ostream>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "KelLib/Q7SyncContainer.h"
+#include "Oru/WeakRef.h"
 #include "Wex/Hash.h"
 
 namespace Kel::Q7Sync {
@@ -144,6 +146,150 @@ PathSubscribeConfig::PathSubscribeConfig(Wex::CharRange& range) {
     range = r;
 }
 
+// PathSubscribeRequestLifeTimeNotifier
+
+namespace {
+constexpr char kLtnTypeName[] = "Kel::Q7Sync::PathSubscribeRequestLifeTimeNotifier";
+constexpr char kRequestTypeName[] = "Kel::Q7Sync::PathSubscribeRequest";
+constexpr char kTableTypeName[] = "Kel::Q7Sync::PathSubscribeRequestDedupTable";
+} // namespace
+
+Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> PathSubscribeRequestLifeTimeNotifier::
+    PathSubscribeRequestLifeTimeNotifierIs(Lumo::Ptr<Oru::DedupHandleBase const> const& handle) {
+    if (!handle) throw Wex::NullArgumentException("handle");
+    // requestRawPtr() relies on the handle being a request.
+    if (!dynamic_cast<PathSubscribeRequest const*>(handle.ptr()))
+        throw Wex::NewEntityArgsException(kLtnTypeName, "handle", "is not a Kel::Q7Sync::PathSubscribeRequest");
+    Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> ltn(new PathSubscribeRequestLifeTimeNotifier(handle));
+    ltn->hasNotificationActiveIs(true);
+    return ltn;
+}
+
+Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> pathSubscribeRequestLifeTimeNotifierFactory(
+    Lumo::Ptr<Oru::DedupHandleBase const> const& handle) {
+    return PathSubscribeRequestLifeTimeNotifier::PathSubscribeRequestLifeTimeNotifierIs(handle);
+}
+
+PathSubscribeRequestLifeTimeNotifier::PathSubscribeRequestLifeTimeNotifier(
+    Lumo::Ptr<Oru::DedupHandleBase const> const& handle) noexcept
+    : Oru::DedupHandleLifeTimeNotifier(handle) {}
+
+PathSubscribeRequestLifeTimeNotifier::~PathSubscribeRequestLifeTimeNotifier() { hasNotificationActiveIs(false); }
+
+PathSubscribeRequest* PathSubscribeRequestLifeTimeNotifier::requestRawPtr() const noexcept {
+    return static_cast<PathSubscribeRequest*>(getDedupedObjectRawPtr());
+}
+
+Wex::WexType const* PathSubscribeRequestLifeTimeNotifier::fwkType() const noexcept {
+    return Wex::wexTypeOf<PathSubscribeRequestLifeTimeNotifier>();
+}
+
+// PathSubscribeRequest
+
+Lumo::Ptr<PathSubscribeRequest> PathSubscribeRequest::PathSubscribeRequestIs(
+    PathSubscribeConfig const& pathSubscribeConfig) {
+    Lumo::Ptr<PathSubscribeRequest> request(new PathSubscribeRequest(pathSubscribeConfig));
+    request->hasNotificationActiveIs(true);
+    return request;
+}
+
+Lumo::Ptr<PathSubscribeRequest> pathSubscribeRequestFactory(PathSubscribeConfig const& pathSubscribeConfig) {
+    return PathSubscribeRequest::PathSubscribeRequestIs(pathSubscribeConfig);
+}
+
+PathSubscribeRequest::PathSubscribeRequest(PathSubscribeConfig const& pathSubscribeConfig)
+    : pathSubscribeConfig_(pathSubscribeConfig) {}
+
+PathSubscribeRequest::~PathSubscribeRequest() { hasNotificationActiveIs(false); }
+
+void PathSubscribeRequest::lifeTimeNotifierIs(
+    Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier const> const& lifeTimeNotifier) {
+    if (lifeTimeNotifier == lifeTimeNotifier_) return;
+    if (lifeTimeNotifier && lifeTimeNotifier->getDedupedObjectRawPtr() != this)
+        throw Wex::NewEntityArgsException(kRequestTypeName, "lifeTimeNotifier", "names another request");
+    lifeTimeNotifier_ = lifeTimeNotifier;
+}
+
+std::uint32_t PathSubscribeRequest::hash() const noexcept { return pathSubscribeConfig_.hash(0); }
+
+bool PathSubscribeRequest::compare(Oru::DedupHandleBase const* other) const noexcept {
+    auto const* request = dynamic_cast<PathSubscribeRequest const*>(other);
+    return request && PathSubscribeConfig::isEq(pathSubscribeConfig_, request->pathSubscribeConfig_);
+}
+
+bool PathSubscribeRequest::compareByContent(Oru::DedupContentHandle const& content) const noexcept {
+    return PathSubscribeConfig::isEq(pathSubscribeConfig_, static_cast<PathSubscribeConfig const&>(content));
+}
+
+Wex::WexType const* PathSubscribeRequest::fwkType() const noexcept { return Wex::wexTypeOf<PathSubscribeRequest>(); }
+
+// PathSubscribeRequestDedupTable
+
+namespace {
+// The framework table's allocator: a request for a configuration it holds none equal to.
+Lumo::Ptr<Oru::DedupHandleBase> allocPathSubscribeRequest(Oru::DedupContentHandle const& content) {
+    return PathSubscribeRequest::PathSubscribeRequestIs(static_cast<PathSubscribeConfig const&>(content));
+}
+} // namespace
+
+Lumo::Ptr<PathSubscribeRequestDedupTable> PathSubscribeRequestDedupTable::PathSubscribeRequestDedupTableIs(
+    Lumo::Ptr<Oru::DedupHashTableLifeTimeNotifiee const> const& lifeTimeNotifiee) {
+    if (!lifeTimeNotifiee) throw Wex::NullArgumentException("lifeTimeNotifiee");
+    Lumo::Ptr<PathSubscribeRequestDedupTable> table(new PathSubscribeRequestDedupTable(lifeTimeNotifiee));
+    table->hasNotificationActiveIs(true);
+    return table;
+}
+
+Lumo::Ptr<PathSubscribeRequestDedupTable> pathSubscribeRequestDedupTableFactory(
+    Lumo::Ptr<Oru::DedupHashTableLifeTimeNotifiee const> const& lifeTimeNotifiee) {
+    return PathSubscribeRequestDedupTable::PathSubscribeRequestDedupTableIs(lifeTimeNotifiee);
+}
+
+PathSubscribeRequestDedupTable::PathSubscribeRequestDedupTable(
+    Lumo::Ptr<Oru::DedupHashTableLifeTimeNotifiee const> lifeTimeNotifiee)
+    : lifeTimeNotifiee_(std::move(lifeTimeNotifiee)) {
+    handleInitialized();
+}
+
+PathSubscribeRequestDedupTable::~PathSubscribeRequestDedupTable() {
+    hasNotificationActiveIs(false);
+    handleDestroy();
+    dedupTable_ = nullptr;
+    lifeTimeNotifiee_ = nullptr;
+}
+
+void PathSubscribeRequestDedupTable::handleInitialized() {
+    Lumo::Ptr<Oru::DedupHashTable> table(new Oru::DedupHashTableUnorderedSet(true));
+    table->hasNotificationActiveIs(true);
+    dedupTableIs(table);
+}
+
+void PathSubscribeRequestDedupTable::dedupTableIs(Lumo::Ptr<Oru::DedupHashTable> const& dedupTable) {
+    if (!dedupTable) throw Wex::NullArgumentException("dedupTable");
+    if (dedupTable == dedupTable_) return;
+    // The notifiee must not keep notifiers of requests whose table it no longer hears from.
+    handleDestroy();
+    dedupTable_ = dedupTable;
+    dedupTable_->lifeTimeNotifieeIs(lifeTimeNotifiee_);
+}
+
+Lumo::Ptr<PathSubscribeRequest> PathSubscribeRequestDedupTable::dedup(PathSubscribeConfig const& config) const {
+    if (config.remoteAddr().isUnspecified())
+        throw Wex::NewEntityArgsException(kTableTypeName, "remoteAddr",
+                                          "is unspecified: a subscription needs the remote agent's address");
+    // The table holds nothing but what allocPathSubscribeRequest made.
+    return Lumo::static_ptr_cast<PathSubscribeRequest>(
+        dedupTable_->findOrDedup(config, config.hash(0), allocPathSubscribeRequest));
+}
+
+void PathSubscribeRequestDedupTable::handleDestroy() {
+    if (dedupTable_) dedupTable_->lifeTimeNotifieeIs(nullptr);
+}
+
+Wex::WexType const* PathSubscribeRequestDedupTable::fwkType() const noexcept {
+    return Wex::wexTypeOf<PathSubscribeRequestDedupTable>();
+}
+
 namespace {
 void buildTypeTable(Wex::WexModule& m) {
     using C = PathSubscribeConfig;
@@ -169,6 +315,29 @@ void buildTypeTable(Wex::WexModule& m) {
                                  a.get<C::SyncRequestFlags>(kTypeName, "flags"));
                          });
     // REQUEST-TYPES-TABLE (the request types register here)
+    using R = PathSubscribeRequest;
+    using L = PathSubscribeRequestLifeTimeNotifier;
+    using T = PathSubscribeRequestDedupTable;
+    m.type<R>(kRequestTypeName)
+        .readOnly("pathSubscribeConfig", [](R const& r) { return r.pathSubscribeConfig(); })
+        .readOnly("localUri", [](R const& r) { return r.localUri(); })
+        .readOnly("remoteUri", [](R const& r) { return r.remoteUri(); })
+        .attribute(
+            "lifeTimeNotifier", [](R const& r) { return r.lifeTimeNotifier(); },
+            [](R& r, Lumo::Ptr<L const> const& ltn) { r.lifeTimeNotifierIs(ltn); });
+    // A back pointer: the notifier names its request without holding it.
+    m.type<L>(kLtnTypeName).readOnly("requestRawPtr", [](L const& l) { return Oru::WeakRef(l.requestRawPtr()); });
+    m.type<T>(kTableTypeName)
+        .readOnly("lifeTimeNotifiee", [](T const& t) { return t.lifeTimeNotifiee(); })
+        .attribute(
+            "dedupTable", [](T const& t) { return t.dedupTable(); },
+            [](T& t, Lumo::Ptr<Oru::DedupHashTable> const& table) { t.dedupTableIs(table); })
+        .operation("dedup", {"config"},
+                   [](T& t, Wex::Args const& a) {
+                       return t.dedup(a.get<PathSubscribeConfig>(kTableTypeName, "config"));
+                   })
+        .hidden("handleInitialized")
+        .hidden("handleDestroy");
 }
 Wex::WexModuleRegistrar registrar("KelLib/Q7SyncSubscribeRequest", buildTypeTable);
 } // namespace

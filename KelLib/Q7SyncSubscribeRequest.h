@@ -82,4 +82,103 @@ private:
 std::string valueToStrep(PathSubscribeConfig const& config);
 std::ostream& operator<<(std::ostream& os, PathSubscribeConfig const& config);
 
+
+class PathSubscribeRequest;
+
+// The notifiee's handle on one request: names it without keeping it alive. The request holds
+// its notifier, so a notifier outlives its request only while a drain still holds it.
+class PathSubscribeRequestLifeTimeNotifier : public Oru::DedupHandleLifeTimeNotifier {
+public:
+    // Refuses a null handle (Wex::NullArgumentException "handle") and one that is not a
+    // PathSubscribeRequest (Wex::NewEntityArgsException naming "handle").
+    static Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> PathSubscribeRequestLifeTimeNotifierIs(
+        Lumo::Ptr<Oru::DedupHandleBase const> const& handle);
+
+    PathSubscribeRequest* requestRawPtr() const noexcept;
+    Wex::WexType const* fwkType() const noexcept override;
+
+protected:
+    explicit PathSubscribeRequestLifeTimeNotifier(Lumo::Ptr<Oru::DedupHandleBase const> const& handle) noexcept;
+    ~PathSubscribeRequestLifeTimeNotifier() override;
+};
+
+Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> pathSubscribeRequestLifeTimeNotifierFactory(
+    Lumo::Ptr<Oru::DedupHandleBase const> const& handle);
+
+// A client's hold on one subscription: the dedup table hands out one request per distinct
+// configuration, and the subscription lasts while any client holds its request.
+class PathSubscribeRequest : public Oru::DedupHandle {
+public:
+    static Lumo::Ptr<PathSubscribeRequest> PathSubscribeRequestIs(PathSubscribeConfig const& pathSubscribeConfig);
+
+    PathSubscribeConfig const& pathSubscribeConfig() const noexcept { return pathSubscribeConfig_; }
+    Lumo::String const& localUri() const noexcept { return pathSubscribeConfig_.localUri(); }
+    Lumo::String const& remoteUri() const noexcept { return pathSubscribeConfig_.remoteUri(); }
+
+    // Set while the request notifiee tracks the request, null otherwise.
+    Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier const> const& lifeTimeNotifier() const noexcept {
+        return lifeTimeNotifier_;
+    }
+    // A notifier that names another request is refused with Wex::NewEntityArgsException
+    // naming "lifeTimeNotifier".
+    void lifeTimeNotifierIs(Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier const> const& lifeTimeNotifier);
+
+    // The configuration's hash with seed 0, as dedup computes it for an equal configuration.
+    std::uint32_t hash() const noexcept override;
+    bool compare(Oru::DedupHandleBase const* other) const noexcept override;
+    // content is the PathSubscribeConfig handed to dedup.
+    bool compareByContent(Oru::DedupContentHandle const& content) const noexcept override;
+    Wex::WexType const* fwkType() const noexcept override;
+
+protected:
+    explicit PathSubscribeRequest(PathSubscribeConfig const& pathSubscribeConfig);
+    ~PathSubscribeRequest() override;
+
+private:
+    PathSubscribeConfig const pathSubscribeConfig_;
+    Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier const> lifeTimeNotifier_;
+};
+
+Lumo::Ptr<PathSubscribeRequest> pathSubscribeRequestFactory(PathSubscribeConfig const& pathSubscribeConfig);
+
+// Where clients ask for subscriptions: equal configurations share one request, and the
+// life-time notifiee hears of every request that enters or leaves the framework table.
+class PathSubscribeRequestDedupTable : public Wex::PtrInterface {
+public:
+    // Refuses a null notifiee with Wex::NullArgumentException "lifeTimeNotifiee".
+    static Lumo::Ptr<PathSubscribeRequestDedupTable> PathSubscribeRequestDedupTableIs(
+        Lumo::Ptr<Oru::DedupHashTableLifeTimeNotifiee const> const& lifeTimeNotifiee);
+
+    Lumo::Ptr<Oru::DedupHashTableLifeTimeNotifiee const> const& lifeTimeNotifiee() const noexcept {
+        return lifeTimeNotifiee_;
+    }
+    Lumo::Ptr<Oru::DedupHashTable> const& dedupTable() const noexcept { return dedupTable_; }
+    // Moves the notifiee over: the table held before is detached (its requests are untracked
+    // through handleNotificationStop) and the new one attached. Null is refused.
+    void dedupTableIs(Lumo::Ptr<Oru::DedupHashTable> const& dedupTable);
+
+    // The request shared by every holder of a configuration equal to `config`. A configuration
+    // without a remote address is refused with Wex::NewEntityArgsException naming "remoteAddr",
+    // before anything changes: its local and remote URIs are empty and would be confused.
+    Lumo::Ptr<PathSubscribeRequest> dedup(PathSubscribeConfig const& config) const;
+
+    // Creates a framework table and attaches the notifiee to it.
+    void handleInitialized();
+    // Detaches the notifiee, which then drops all of its bookkeeping.
+    void handleDestroy();
+
+    Wex::WexType const* fwkType() const noexcept override;
+
+protected:
+    explicit PathSubscribeRequestDedupTable(Lumo::Ptr<Oru::DedupHashTableLifeTimeNotifiee const> lifeTimeNotifiee);
+    ~PathSubscribeRequestDedupTable() override;
+
+private:
+    Lumo::Ptr<Oru::DedupHashTableLifeTimeNotifiee const> lifeTimeNotifiee_;
+    Lumo::Ptr<Oru::DedupHashTable> dedupTable_;
+};
+
+Lumo::Ptr<PathSubscribeRequestDedupTable> pathSubscribeRequestDedupTableFactory(
+    Lumo::Ptr<Oru::DedupHashTableLifeTimeNotifiee const> const& lifeTimeNotifiee);
+
 } // namespace Kel::Q7Sync
