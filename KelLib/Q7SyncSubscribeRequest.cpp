@@ -277,6 +277,10 @@ Lumo::Ptr<PathSubscribeRequest> PathSubscribeRequestDedupTable::dedup(PathSubscr
     if (config.remoteAddr().isUnspecified())
         throw Wex::NewEntityArgsException(kTableTypeName, "remoteAddr",
                                           "is unspecified: a subscription needs the remote agent's address");
+    // A parsed value carries no container type: nothing could be created for it.
+    if (!config.syncContainerType())
+        throw Wex::NewEntityArgsException(kTableTypeName, "syncContainerType",
+                                          "is missing: a subscription needs the type of its container");
     // The table holds nothing but what allocPathSubscribeRequest made.
     return Lumo::static_ptr_cast<PathSubscribeRequest>(
         dedupTable_->findOrDedup(config, config.hash(0), allocPathSubscribeRequest));
