@@ -23,7 +23,8 @@ IpGenAddr::IpGenAddr(int addressFamily) noexcept {
 
 std::optional<IpGenAddr> IpGenAddr::fromString(std::string_view text) {
     if (text == kUnspecified) return IpGenAddr();
-    if (text.size() >= INET6_ADDRSTRLEN) return std::nullopt;
+    // The C reader stops at a NUL, which would let "1.2.3.4\0junk" through as 1.2.3.4.
+    if (text.size() >= INET6_ADDRSTRLEN || text.find('\0') != std::string_view::npos) return std::nullopt;
     char buf[INET6_ADDRSTRLEN];
     std::memcpy(buf, text.data(), text.size());
     buf[text.size()] = '\0';

@@ -18,6 +18,9 @@ TEST(Address, ReadsAndWritesBothFamilies) {
     EXPECT_EQ(addr("::ffff:1.2.3.4").family(), Kivu::IpGenAddr::Family::ip6);
     for (auto bad : {"256.1.1.1", "1.2.3", "1.2.3.4 ", "fd00::1::2", "", "localhost", "1.2.3.4/8"})
         EXPECT_FALSE(Kivu::IpGenAddr::fromString(bad)) << bad;
+    using namespace std::string_view_literals;
+    for (auto bad : {"1.2.3.4\0junk"sv, "::1\0"sv, "\0"sv})
+        EXPECT_FALSE(Kivu::IpGenAddr::fromString(bad)) << "with a NUL, " << bad.size() << " bytes";
 }
 
 TEST(Address, UnspecifiedAddressIsItsOwnValue) {
