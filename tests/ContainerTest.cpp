@@ -1,0 +1,297 @@
+// Sync containers: creation and configuration, the container status, the handler registry,
+// and the container state machine that keeps containers in step with the subscriptions.
+#include "KelLib/Q7SyncContainer.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include <gtest/gtest.h>
+
+#include "KelLib/Q7SyncSubscribeSmReactors.h"
+#include "host/StateContainer.h"
+#include "support/SyncTestSupport.h"
+
+namespace Kel::Q7Sync::Test {
+namespace {
+
+using Q7Agent::StateContainer;
+constexpr char kCheckText[] = "!pathSubscribeConfig_ || config == pathSubscribeConfig_";
+
+PathSubscribeConfig stateSubscription(char const* key, std::uint8_t flags, char const* path = "agent/state") {
+    return subscription(key, 1, path, Wex::wexTypeOf<StateContainer>(), Flags(flags));
+}
+
+bool anyContains(std::vector<std::string> const& lines, std::string_view text) {
+    return std::any_of(lines.begin(), lines.end(), [&](auto const& l) { return l.find(text) != std::string::npos; });
+}
+
+// SyncContainer
+
+class SyncContainerTest : public SyncFixture {
+protected:
+    Lumo::Ptr<Wex::Dir> dir = freshDir();
+};
+
+TEST_F(SyncContainerTest, CreateMakesTheConfigsTypeNamedAfterItsKeyAndAgainReturnsItTellingNobody) {
+    PathSubscribeConfig const cfg = stateSubscription("k", 0x02);
+    Lumo::Ptr<SyncContainer> c = SyncContainer::create(dir, cfg);
+    ASSERT_TRUE(c);
+    EXPECT_EQ(dir->entityPtr("k"), c);
+    EXPECT_EQ(c->fwkType(), Wex::wexTypeOf<StateContainer>());
+    EXPECT_TRUE(dynamic_cast<StateContainer const*>(c.ptr()));
+    EXPECT_EQ(c->pathSubscribeConfig(), cfg);
+    EXPECT_EQ(c->remoteAddr(), cfg.remoteAddr());
+
+    ChangeRecorder watcher(c);
+    EXPECT_EQ(SyncContainer::create(dir, cfg), c);
+    EXPECT_TRUE(watcher.changes.empty());
+    EXPECT_EQ(dir->entities(), 1u);
+}
+
+TEST_F(SyncContainerTest, SetConfigConfiguresOnceAndRefusesAnotherConfigWithATrace) {
+    auto c = Lumo::ptr_cast<SyncContainer>(dir->createEntity("Kel::Q7Sync::SyncContainer", "k"));
+    ASSERT_TRUE(c);
+    EXPECT_EQ(c->syncAttributeName(), "syncAttribute");
+    EXPECT_FALSE(c->pathSubscribeConfig());
+    ChangeRecorder watcher(c);
+    PathSubscribeConfig const first = subscription("k");
+    c->setConfig(first);
+    c->setConfig(first);
+    EXPECT_EQ(watcher.changes, (std::vector<ChangeRecorder::Seen>{{SyncContainer::kPathSubscribeConfig, true}}));
+
+    c->setConfig(subscription("k", 1, "other/path"));
+    EXPECT_EQ(c->pathSubscribeConfig(), first);
+    EXPECT_EQ(watcher.changes.size(), 1u);
+    auto const refusals = traces.at(0, "KelQ7SyncContainer");
+    ASSERT_EQ(refusals.size(), 1u);
+    EXPECT_TRUE(anyContains(refusals, kCheckText));
+}
+
+TEST_F(SyncContainerTest, Flags0x15ResetSyncAttributeThroughReflectionBeforeConfiguring) {
+    auto held = Lumo::ptr_cast<StateContainer>(dir->createEntity("Q7Agent::StateContainer", "k"));
+    held->syncAttributeIs("stale");
+    std::uint32_t writesWhenConfigured = 0;
+    ChangeRecorder watcher(held);
+    watcher.onChange = [&](Lumo::Change const&) { writesWhenConfigured = held->syncAttributeWrites(); };
+    SyncContainer::create(dir, stateSubscription("k", 0x15));
+    EXPECT_EQ(held->syncAttribute(), "");
+    EXPECT_EQ(writesWhenConfigured, 2u);
+
+    for (std::uint8_t flags : {0x01, 0x17, 0x14}) {
+        auto c = Lumo::ptr_cast<StateContainer>(SyncContainer::create(dir, stateSubscription("other", flags)));
+        EXPECT_EQ(c->syncAttributeWrites(), 0u) << "flags " << int(flags);
+        dir->deleteEntity("other");
+    }
+}
+
+TEST_F(SyncContainerTest, Flags0x15OnPlainSyncContainerStillCreatesAndConfigures) {
+    PathSubscribeConfig const cfg = subscription("k", 1, "p", Wex::wexTypeOf<SyncContainer>(), Flags(0x15));
+    Lumo::Ptr<SyncContainer> c = SyncContainer::create(dir, cfg);
+    ASSERT_TRUE(c);
+    EXPECT_EQ(c->pathSubscribeConfig(), cfg);
+}
+
+TEST_F(SyncContainerTest, ASecondSubscriptionNamingTheContainerLeavesTheFirstsStateAndConfig) {
+    PathSubscribeConfig const first = stateSubscription("k", 0x15);
+    auto c = Lumo::ptr_cast<StateContainer>(SyncContainer::create(dir, first));
+    c->syncAttributeIs("mirrored");
+    ChangeRecorder watcher(c);
+    EXPECT_EQ(SyncContainer::create(dir, stateSubscription("k", 0x15, "other/path")), c);
+    EXPECT_EQ(c->pathSubscribeConfig(), first);
+    EXPECT_EQ(c->syncAttribute(), "mirrored");
+    EXPECT_TRUE(watcher.changes.empty());
+    EXPECT_EQ(traces.at(0, "KelQ7SyncContainer").size(), 1u);
+}
+
+TEST_F(SyncContainerTest, CreateRefusesBadInputAndChangesNothing) {
+    try {
+        SyncContainer::create(nullptr, subscription("k"));
+        FAIL() << "a null directory was accepted";
+    } catch (Wex::NullArgumentException const& e) {
+        EXPECT_EQ(e.attribute(), "dir");
+    }
+    Lumo::Ptr<Wex::Entity> plain = dir->createEntity("Kel::Q7Sync::SyncContainer", "plain");
+    Lumo::Ptr<Wex::Entity> notAContainer = dir->createEntity("Wex::Dir", "k");
+    EXPECT_THROW(SyncContainer::create(dir, subscription("k")), Wex::NewEntityArgsException);
+    EXPECT_THROW(SyncContainer::create(dir, stateSubscription("plain", 0x15)), Wex::NewEntityArgsException);
+    EXPECT_EQ(dir->entityPtr("k"), notAContainer);
+    EXPECT_FALSE(Lumo::ptr_cast<SyncContainer>(plain)->pathSubscribeConfig());
+}
+
+// SyncContainerStatus
+
+class SyncContainerStatusTest : public SyncFixture {
+protected:
+    Lumo::Ptr<Wex::Dir> dir = freshDir();
+    Lumo::Ptr<SyncContainerStatus> status = SyncContainerStatus::SyncContainerStatusIs();
+};
+
+TEST_F(SyncContainerStatusTest, RecordsNotifyOnlyRealChangesAndKeepTheKeyIndex) {
+    PathSubscribeConfig const a = subscription("k", 1), b = subscription("k", 2), other = subscription("j", 1);
+    ChangeRecorder watcher(status);
+    auto ca = placeContainer(dir, a), cb = placeContainer(dir, b), co = placeContainer(dir, other);
+    status->syncContainerIs(ca);
+    status->syncContainerIs(ca);
+    status->syncContainerIs(cb);
+    status->syncContainerIs(co);
+    EXPECT_EQ(watcher.changes.size(), 3u);
+    EXPECT_EQ(status->syncContainersOfKey("k").size(), 2u);
+
+    Lumo::Ptr<SyncContainer> replacement = placeContainer(freshDir("elsewhere"), a);
+    status->syncContainerIs(replacement);
+    EXPECT_EQ(watcher.changes.back(), (ChangeRecorder::Seen{SyncContainerStatus::kSyncContainer, true}));
+    EXPECT_EQ(status->syncContainer(a), replacement);
+    auto const ofK = status->syncContainersOfKey("k");
+    EXPECT_EQ(std::count(ofK.begin(), ofK.end(), replacement), 1);
+    EXPECT_EQ(std::count(ofK.begin(), ofK.end(), ca), 0);
+
+    EXPECT_FALSE(status->syncContainerDel(subscription("absent")));
+    EXPECT_EQ(watcher.changes.size(), 4u);
+    EXPECT_EQ(status->syncContainerDel(b), cb);
+    EXPECT_EQ(status->syncContainersOfKey("k").size(), 1u);
+    status->syncContainerDelAll();
+    EXPECT_EQ(watcher.changes.size(), 7u);
+    EXPECT_TRUE(status->syncContainersOfKey("k").empty());
+    EXPECT_TRUE(status->syncContainersOfKey("j").empty());
+}
+
+TEST_F(SyncContainerStatusTest, NullContainerIsRefusedChangingNothing) {
+    ChangeRecorder watcher(status);
+    try {
+        status->syncContainerIs(nullptr);
+        FAIL() << "null accepted";
+    } catch (Wex::NullArgumentException const& e) {
+        EXPECT_EQ(e.attribute(), "syncContainer");
+    }
+    EXPECT_EQ(status->syncContainer().size(), 0u);
+    EXPECT_TRUE(watcher.changes.empty());
+}
+
+// SyncContainerHandlerRegistry
+
+TEST_F(SyncFixture, RegistryRefusesNullAndNotifiesOnlyRealChanges) {
+    std::vector<std::string> log;
+    auto registry = SyncContainerHandlerRegistry::SyncContainerHandlerRegistryIs();
+    ChangeRecorder watcher(registry);
+    EXPECT_THROW(registry->syncContainerHandlerIs(nullptr), Wex::NullArgumentException);
+    auto a = RecordingHandler::make("A", "k", &log), b = RecordingHandler::make("B", "k", &log);
+    registry->syncContainerHandlerIs(a);
+    registry->syncContainerHandlerIs(a);
+    registry->syncContainerHandlerIs(b);
+    EXPECT_FALSE(registry->syncContainerHandlerDel("absent"));
+    EXPECT_EQ(watcher.changes, (std::vector<ChangeRecorder::Seen>{{130, false}, {130, true}}));
+    EXPECT_EQ(registry->syncContainerHandler("k"), b);
+}
+
+// SyncContainerSm
+
+class SyncContainerSmTest : public SyncFixture {
+protected:
+    Lumo::Ptr<SyncContainerSm> makeSm() { return SyncContainerSm::SyncContainerSmIs(effective, status, dir); }
+
+    Lumo::Ptr<EffectiveSubscribeConfig> effective = EffectiveSubscribeConfig::EffectiveSubscribeConfigIs();
+    Lumo::Ptr<SyncContainerStatus> status = SyncContainerStatus::SyncContainerStatusIs();
+    Lumo::Ptr<Wex::Dir> dir = freshDir();
+};
+
+TEST_F(SyncContainerSmTest, ContainerIsInPlaceWhenRecordedAndStillThereWhenTheRecordGoes) {
+    auto sm = makeSm();
+    PathSubscribeConfig const cfg = subscription("k");
+    std::vector<std::string> seen;
+    ChangeRecorder watcher(status);
+    watcher.onChange = [&](Lumo::Change const& change) {
+        auto const& key = *static_cast<PathSubscribeConfig const*>(change.key);
+        auto held = Lumo::ptr_cast<SyncContainer>(containerAt(dir, key));
+        seen.push_back(held && held->pathSubscribeConfig() == key ? "in place" : "missing");
+    };
+    effective->pathSubscribeConfigIs(cfg);
+    EXPECT_TRUE(status->syncContainer(cfg));
+    effective->pathSubscribeConfigDel(cfg);
+    EXPECT_EQ(seen, (std::vector<std::string>{"in place", "in place"}));
+    EXPECT_FALSE(status->syncContainer(cfg));
+    EXPECT_EQ(dir->entities(), 0u);
+    EXPECT_EQ(traces.at(1), (std::vector<std::string>{"SyncContainerSm::addContainer: localUri " + cfg.localUri().str(),
+                                                      "SyncContainerSm::removeContainer: localUri " + cfg.localUri().str()}));
+}
+
+TEST_F(SyncContainerSmTest, SubscriptionsOfOneAgentShareItsDirectoryUntilTheLastGoes) {
+    auto sm = makeSm();
+    PathSubscribeConfig const a = subscription("a"), b = subscription("b");
+    effective->pathSubscribeConfigIs(a);
+    effective->pathSubscribeConfigIs(b);
+    auto agentDir = Lumo::ptr_cast<Wex::Dir>(dir->entityPtr(a.remoteAgentKey()));
+    ASSERT_TRUE(agentDir);
+    EXPECT_EQ(agentDir->entities(), 2u);
+    effective->pathSubscribeConfigDel(a);
+    EXPECT_EQ(dir->entityPtr(a.remoteAgentKey()), agentDir);
+    EXPECT_TRUE(containerAt(dir, b));
+    effective->pathSubscribeConfigDel(b);
+    EXPECT_EQ(dir->entities(), 0u);
+}
+
+TEST_F(SyncContainerSmTest, SweepAtConstructionAddsSubscriptionsInForceAndRemovesEndedOnes) {
+    PathSubscribeConfig const a = subscription("a", 1), b = subscription("b", 2), ended = subscription("gone", 3);
+    effective->pathSubscribeConfigIs(a);
+    effective->pathSubscribeConfigIs(b);
+    auto endedDir = Lumo::ptr_cast<Wex::Dir>(dir->createEntity("Wex::Dir", ended.remoteAgentKey()));
+    status->syncContainerIs(SyncContainer::create(endedDir, ended));
+
+    auto sm = makeSm();
+    EXPECT_TRUE(status->syncContainer(a) && status->syncContainer(b));
+    EXPECT_FALSE(status->syncContainer(ended));
+    EXPECT_TRUE(containerAt(dir, a) && containerAt(dir, b));
+    EXPECT_FALSE(dir->entityPtr(ended.remoteAgentKey()));
+    EXPECT_EQ(traces.at(8), (std::vector<std::string>{"SyncContainerSm::handlePathSubscribeConfig: "}));
+
+    ChangeRecorder watcher(status);
+    sm->addContainer(a);
+    EXPECT_TRUE(watcher.changes.empty());
+}
+
+TEST_F(SyncContainerSmTest, DestroyedOrMarkedReactorLeavesContainersAndRecordsAlone) {
+    auto sm = makeSm();
+    PathSubscribeConfig const a = subscription("a"), b = subscription("b");
+    effective->pathSubscribeConfigIs(a);
+    sm->wexDoZombieReactors(true);
+    effective->pathSubscribeConfigIs(b);
+    EXPECT_FALSE(status->syncContainer(b));
+    sm = nullptr;
+    effective->pathSubscribeConfigDel(a);
+    EXPECT_TRUE(status->syncContainer(a));
+    EXPECT_TRUE(containerAt(dir, a));
+}
+
+TEST_F(SyncContainerSmTest, TwoSubscriptionsNamingOneContainerLeaveItToTheFirst) {
+    auto sm = makeSm();
+    PathSubscribeConfig const first = subscription("k", 1, "first"), second = subscription("k", 1, "second");
+    effective->pathSubscribeConfigIs(first);
+    Lumo::Ptr<Wex::Entity> c = containerAt(dir, first);
+    effective->pathSubscribeConfigIs(second);
+    EXPECT_FALSE(status->syncContainer(second));
+    EXPECT_EQ(status->syncContainer(first), c);
+    effective->pathSubscribeConfigDel(second);
+    EXPECT_EQ(containerAt(dir, first), c);
+    EXPECT_EQ(Lumo::ptr_cast<SyncContainer>(c)->pathSubscribeConfig(), first);
+    EXPECT_TRUE(anyContains(traces.at(0, "KelQ7SyncContainer"), kCheckText));
+    effective->pathSubscribeConfigDel(first);
+    EXPECT_EQ(dir->entities(), 0u);
+}
+
+TEST_F(SyncContainerSmTest, RemovalOfAVanishedContainerDropsTheRecordAndReportsIt) {
+    auto sm = makeSm();
+    PathSubscribeConfig const cfg = subscription("k");
+    effective->pathSubscribeConfigIs(cfg);
+    Lumo::ptr_cast<Wex::Dir>(dir->entityPtr(cfg.remoteAgentKey()))->deleteEntity("k");
+    effective->pathSubscribeConfigDel(cfg);
+    EXPECT_FALSE(status->syncContainer(cfg));
+    EXPECT_TRUE(anyContains(traces.at(0), "nullptr != syncContainer && \"A container must have been created before\""));
+}
+
+TEST_F(SyncContainerSmTest, NullStatusOrDirectoryIsRefused) {
+    EXPECT_THROW(SyncContainerSm::SyncContainerSmIs(effective, nullptr, dir), Wex::NullArgumentException);
+    EXPECT_THROW(SyncContainerSm::SyncContainerSmIs(effective, status, nullptr), Wex::NullArgumentException);
+    EXPECT_EQ(effective->publisher().subscribers(), 0u);
+}
+
+} // namespace
+} // namespace Kel::Q7Sync::Test
