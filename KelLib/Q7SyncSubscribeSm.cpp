@@ -1,9 +1,11 @@
 // The subscription reactors of the module.
 #include "KelLib/Q7SyncSubscribeSm.h"
 
+#include <exception>
+#include <string>
 #include <utility>
 #include <vector>
-
+#include "Q7Sync/Service.h"
 #include "Wex/Exception.h"
 #include "Wex/Trace.h"
 #include "Wex/Type.h"
@@ -32,7 +34,6 @@ EffectiveSubscribeConfig::~EffectiveSubscribeConfig() { hasNotificationActiveIs(
 
 Wex::WexType const* EffectiveSubscribeConfig::fwkType() const noexcept { return Wex::wexTypeOf<EffectiveSubscribeConfig>(); }
 
-// NOTIFIEE-DEFINITIONS
 
 // PathSubscribeRequestSetForUri
 
@@ -232,12 +233,592 @@ void PathSubscribeRequestNotifiee::handleNotificationStop(Lumo::Ptr<Oru::DedupHa
     }
 }
 
+// SyncContainerStatus
+
+Lumo::Ptr<SyncContainerStatus> SyncContainerStatus::SyncContainerStatusIs() {
+    Lumo::Ptr<SyncContainerStatus> status(new SyncContainerStatus());
+    status->hasNotificationActiveIs(true);
+    return status;
+}
+
+Lumo::Ptr<SyncContainerStatus> syncContainerStatusFactory() { return SyncContainerStatus::SyncContainerStatusIs(); }
+
+SyncContainerStatus::~SyncContainerStatus() { hasNotificationActiveIs(false); }
+
+void SyncContainerStatus::syncContainerIs(Lumo::Ptr<SyncContainer const> const& container) {
+    if (!container) throw Wex::NullArgumentException("syncContainer");
+    Lumo::String const& key = container->pathSubscribeConfig().syncContainerKey();
+    syncContainerByKey_.try_emplace(key, "syncContainer", kSyncContainer).first->second.set(container);
+    syncContainer_.set(container);
+}
+
+Lumo::Ptr<SyncContainer const> SyncContainerStatus::syncContainerDel(PathSubscribeConfig const& config) {
+    if (auto it = syncContainerByKey_.find(config.syncContainerKey()); it != syncContainerByKey_.end()) {
+        it->second.del(config);
+        if (it->second.empty()) syncContainerByKey_.erase(it);
+    }
+    return syncContainer_.del(config);
+}
+
+void SyncContainerStatus::syncContainerDelAll() {
+    if (publisher_.subscribers() == 0) {
+        syncContainerByKey_.clear();
+        syncContainer_.delAll();
+        return;
+    }
+    syncContainer_.forEachSafe([this](Lumo::Ptr<SyncContainer const> const& container) {
+        PathSubscribeConfig const config = container->pathSubscribeConfig();
+        syncContainerDel(config);
+    });
+}
+
+std::vector<Lumo::Ptr<SyncContainer const>> SyncContainerStatus::syncContainersOfKey(Lumo::String const& key) const {
+    auto it = syncContainerByKey_.find(key);
+    if (it == syncContainerByKey_.end()) return {};
+    return {it->second.begin(), it->second.end()};
+}
+
+Wex::WexType const* SyncContainerStatus::fwkType() const noexcept { return Wex::wexTypeOf<SyncContainerStatus>(); }
+
+// SyncContainerSm
+
+Lumo::Ptr<SyncContainerSm> SyncContainerSm::SyncContainerSmIs(
+    Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig,
+    Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus, Lumo::Ptr<Wex::Dir> const& remoteDir) {
+    if (!syncContainerStatus) throw Wex::NullArgumentException("syncContainerStatus");
+    if (!remoteDir) throw Wex::NullArgumentException("remoteDir");
+    Lumo::Ptr<SyncContainerSm> sm(new SyncContainerSm(subscribeConfig, syncContainerStatus, remoteDir));
+    sm->hasNotificationActiveIs(true);
+    return sm;
+}
+
+Lumo::Ptr<SyncContainerSm> syncContainerSmFactory(Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig,
+                                                  Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus,
+                                                  Lumo::Ptr<Wex::Dir> const& remoteDir) {
+    return SyncContainerSm::SyncContainerSmIs(subscribeConfig, syncContainerStatus, remoteDir);
+}
+
+SyncContainerSm::SyncContainerSm(Lumo::Ptr<EffectiveSubscribeConfig const> subscribeConfig,
+                                 Lumo::Ptr<SyncContainerStatus> syncContainerStatus, Lumo::Ptr<Wex::Dir> remoteDir)
+    : subscribeConfig_(std::move(subscribeConfig)), syncContainerStatus_(std::move(syncContainerStatus)),
+      remoteDir_(std::move(remoteDir)) {
+    hasNotificationActiveIs(true);
+    handlePathSubscribeConfig();
+}
+
+SyncContainerSm::~SyncContainerSm() {
+    hasNotificationActiveIs(false);
+    wexDoZombieReactors(true);
+}
+
+void SyncContainerSm::hasNotificationActiveIs(bool active) {
+    if (active == notificationActive()) return;
+    PtrInterface::hasNotificationActiveIs(active);
+    if (!subscribeConfig_) return;
+    Lumo::Publisher* publisher = subscribeConfig_->notifieeList();
+    if (active) publisher->subscriberIs(this);
+    else publisher->subscriberDel(this);
+}
+
+void SyncContainerSm::onPublish(Lumo::Publisher const&, Lumo::Change const& change) {
+    if (zombie() || change.attribute != EffectiveSubscribeConfig::kPathSubscribeConfig || !change.key) return;
+    PathSubscribeConfig const config = *static_cast<PathSubscribeConfig const*>(change.key);
+    handlePathSubscribeConfig(config);
+}
+
+void SyncContainerSm::handlePathSubscribeConfig(PathSubscribeConfig const& pathSubscribeConfig) {
+    if (subscribeConfig_ && subscribeConfig_->pathSubscribeConfigHas(pathSubscribeConfig)) addContainer(pathSubscribeConfig);
+    else removeContainer(pathSubscribeConfig);
+}
+
+void SyncContainerSm::handlePathSubscribeConfig() {
+    WEX_TRACE(traceHandle(), 8, "SyncContainerSm", "");
+    // Records of ended subscriptions go with their containers; those in force are added again.
+    syncContainerStatus_->syncContainer().forEachSafe([this](Lumo::Ptr<SyncContainer const> const& container) {
+        PathSubscribeConfig const config = container->pathSubscribeConfig();
+        handlePathSubscribeConfig(config);
+    });
+    if (subscribeConfig_)
+        subscribeConfig_->pathSubscribeConfig().forEachSafe(
+            [this](PathSubscribeConfig const& config) { handlePathSubscribeConfig(config); });
+}
+
+void SyncContainerSm::addContainer(PathSubscribeConfig const& config) {
+    WEX_TRACE(traceHandle(), 1, "SyncContainerSm", "localUri {}", config.localUri());
+    // Runs inside notifications: whatever the directory or the container type refuses is
+    // traced, and the subscription goes without a container.
+    Lumo::Ptr<SyncContainer> container;
+    std::string failure;
+    try {
+        auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->createEntity("Wex::Dir", config.remoteAgentKey()));
+        if (agentDir) container = SyncContainer::create(agentDir, config);
+        else failure = "its remoteAgentKey names an entity that is not a directory";
+    } catch (std::exception const& e) {
+        failure = e.what();
+    }
+    if (!container) {
+        WEX_TRACE(traceHandle(), 0, "SyncContainerSm", "localUri {} gets no container: {}", config.localUri(),
+                  failure);
+        agentDirDelIfEmpty(config.remoteAgentKey());
+        return;
+    }
+    // A container that serves another subscription (setConfig refused this one) stays that
+    // subscription's: this one is not recorded.
+    if (container->pathSubscribeConfig() == config) syncContainerStatus_->syncContainerIs(container);
+}
+
+void SyncContainerSm::removeContainer(PathSubscribeConfig const& config) {
+    WEX_TRACE(traceHandle(), 1, "SyncContainerSm", "localUri {}", config.localUri());
+    // The record goes first: its watchers unsubscribe and withdraw the container while it is
+    // still in its directory.
+    syncContainerStatus_->syncContainerDel(config);
+    auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey()));
+    auto syncContainer = agentDir ? Lumo::ptr_cast<SyncContainer>(agentDir->entityPtr(config.syncContainerKey())) : nullptr;
+    if (nullptr == syncContainer) {
+        WEX_TRACE(traceHandle(), 0, "SyncContainerSm",
+                  "check failed: nullptr != syncContainer && \"A container must have been created before\" (localUri {})",
+                  config.localUri());
+        return;
+    }
+    if (!(syncContainer->pathSubscribeConfig() == config)) {
+        WEX_TRACE(traceHandle(), 0, "SyncContainerSm",
+                  "localUri {} names the container of remoteUri {}, which keeps it", config.localUri(),
+                  syncContainer->pathSubscribeConfig().remoteUri());
+        return;
+    }
+    agentDir->deleteEntity(config.syncContainerKey());
+    agentDirDelIfEmpty(config.remoteAgentKey());
+}
+
+void SyncContainerSm::agentDirDelIfEmpty(Lumo::String const& remoteAgentKey) {
+    auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(remoteAgentKey));
+    if (agentDir && agentDir->entities() == 0) remoteDir_->deleteEntity(remoteAgentKey);
+}
+
+Wex::WexType const* SyncContainerSm::fwkType() const noexcept { return Wex::wexTypeOf<SyncContainerSm>(); }
+
+// SubscribeSm
+
+Lumo::Ptr<SubscribeSm> SubscribeSm::SubscribeSmIs(Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig,
+                                                  Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus,
+                                                  Lumo::Ptr<SubscribeStatus> const& subscribeStatus) {
+    if (!subscribeConfig) throw Wex::NullArgumentException("subscribeConfig");
+    if (!syncContainerStatus) throw Wex::NullArgumentException("syncContainerStatus");
+    if (!subscribeStatus) throw Wex::NullArgumentException("subscribeStatus");
+    Lumo::Ptr<SubscribeSm> sm(new SubscribeSm(subscribeConfig, syncContainerStatus, subscribeStatus));
+    sm->hasNotificationActiveIs(true);
+    return sm;
+}
+
+Lumo::Ptr<SubscribeSm> subscribeSmFactory(Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig,
+                                          Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus,
+                                          Lumo::Ptr<SubscribeStatus> const& subscribeStatus) {
+    return SubscribeSm::SubscribeSmIs(subscribeConfig, syncContainerStatus, subscribeStatus);
+}
+
+SubscribeSm::SubscribeSm(Lumo::Ptr<EffectiveSubscribeConfig const> subscribeConfig,
+                         Lumo::Ptr<SyncContainerStatus> syncContainerStatus, Lumo::Ptr<SubscribeStatus> subscribeStatus)
+    : subscribeConfig_(std::move(subscribeConfig)), syncContainerStatus_(std::move(syncContainerStatus)),
+      subscribeStatus_(std::move(subscribeStatus)) {
+    hasNotificationActiveIs(true);
+    handlePathSubscribeConfig();
+}
+
+SubscribeSm::~SubscribeSm() {
+    hasNotificationActiveIs(false);
+    wexDoZombieReactors(true);
+    for (auto const& sm : wexQ7SyncStatus_) sm->subscribeSmIs(nullptr);
+    wexQ7SyncStatus_.delAll();
+}
+
+void SubscribeSm::hasNotificationActiveIs(bool active) {
+    if (active != notificationActive()) {
+        PtrInterface::hasNotificationActiveIs(active);
+        for (Lumo::Publisher* publisher : {subscribeConfig_->notifieeList(), syncContainerStatus_->notifieeList()}) {
+            if (active) publisher->subscriberIs(this);
+            else publisher->subscriberDel(this);
+        }
+    }
+    for (auto const& sm : wexQ7SyncStatus_) sm->hasNotificationActiveIs(active);
+}
+
+void SubscribeSm::wexDoZombieReactors(bool marked) {
+    PtrInterface::wexDoZombieReactors(marked);
+    for (auto const& sm : wexQ7SyncStatus_) sm->wexDoZombieReactors(marked);
+}
+
+void SubscribeSm::onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) {
+    if (zombie() || !change.key) return;
+    // Both collections number their attribute 130: the publisher tells them apart.
+    bool const configChanged = &publisher == subscribeConfig_->notifieeList() &&
+                               change.attribute == EffectiveSubscribeConfig::kPathSubscribeConfig;
+    bool const containerChanged = &publisher == syncContainerStatus_->notifieeList() &&
+                                  change.attribute == SyncContainerStatus::kSyncContainer;
+    if (!configChanged && !containerChanged) return;
+    PathSubscribeConfig const config = *static_cast<PathSubscribeConfig const*>(change.key);
+    handlePathSubscribeConfig(config);
+}
+
+void SubscribeSm::handlePathSubscribeConfig(PathSubscribeConfig const& config) {
+    if (subscribeConfig_->pathSubscribeConfigHas(config) && syncContainerStatus_->syncContainer().has(config)) {
+        subscribe(config);
+        return;
+    }
+    if (subscribeStatus_->pathSubscribeStatus().has(config)) unsubscribe(config);
+}
+
+void SubscribeSm::handlePathSubscribeConfig() {
+    WEX_TRACE(traceHandle(), 8, "SubscribeSm", "");
+    subscribeStatus_->pathSubscribeStatus().forEachSafe([this](Lumo::Ptr<PathSubscribeStatus> const& entry) {
+        PathSubscribeConfig const config = entry->pathSubscribeConfig();
+        handlePathSubscribeConfig(config);
+    });
+    subscribeConfig_->pathSubscribeConfig().forEachSafe(
+        [this](PathSubscribeConfig const& config) { handlePathSubscribeConfig(config); });
+}
+
+void SubscribeSm::subscribe(PathSubscribeConfig const& config) {
+    WEX_TRACE(traceHandle(), 1, "SubscribeSm", "remoteUri={}, localUri={}, flags={}", config.remoteUri(),
+              config.localUri(), config.flags());
+    Lumo::Ptr<SyncStatus const> const status =
+        ::Q7Sync::WexUtils::subscribe(config.remoteUri(), config.localUri(), config.flags());
+    // The sync service promises a status, and the same one while subscribed. A broken promise
+    // is traced rather than thrown (this runs inside notifications) and records nothing.
+    if (!status) {
+        WEX_TRACE(traceHandle(), 0, "SubscribeSm", "remoteUri={}: the sync service returned no status",
+                  config.remoteUri());
+        return;
+    }
+    Lumo::Ptr<PathSubscribeStatus> const recorded = subscribeStatus_->pathSubscribeStatus(config);
+    if (recorded && recorded->syncStatus() != status) {
+        WEX_TRACE(traceHandle(), 0, "SubscribeSm",
+                  "remoteUri={}: the sync service returned another status than the one recorded", config.remoteUri());
+        return;
+    }
+    q7SyncStatusIs(status);
+    subscribeStatus_->pathSubscribeStatusIs(config, status);
+}
+
+void SubscribeSm::unsubscribe(PathSubscribeConfig const& config) {
+    WEX_TRACE(traceHandle(), 1, "SubscribeSm", "remoteUri={}", config.remoteUri());
+    ::Q7Sync::WexUtils::unsubscribe(config.remoteUri());
+    q7SyncStatusDel(config.remoteUri());
+    subscribeStatus_->pathSubscribeStatusDel(config);
+}
+
+Lumo::Ptr<SubscribeSm::SyncStatus const> SubscribeSm::q7SyncStatus(Lumo::String const& uri) const {
+    Lumo::Ptr<Q7SyncStatusSm> const sm = wexQ7SyncStatus_.get(uri);
+    return sm ? sm->q7SyncStatus() : nullptr;
+}
+
+void SubscribeSm::q7SyncStatusIs(Lumo::Ptr<SyncStatus const> const& status) {
+    if (!status) throw Wex::NullArgumentException("q7SyncStatus");
+    if (Lumo::Ptr<Q7SyncStatusSm> const held = wexQ7SyncStatus_.get(status->uri())) {
+        held->notifierIs(status);  // nothing when it watches this very status already
+        return;
+    }
+    Lumo::Ptr<Q7SyncStatusSm> sm(new Q7SyncStatusSm(status, this));
+    sm->hasNotificationActiveIs(true);
+    if (zombie()) sm->wexDoZombieReactors(true);
+    wexQ7SyncStatus_.set(sm);
+}
+
+Lumo::Ptr<SubscribeSm::SyncStatus const> SubscribeSm::q7SyncStatusDel(Lumo::String const& uri) {
+    Lumo::Ptr<Q7SyncStatusSm> const sm = wexQ7SyncStatus_.del(uri);
+    if (!sm) return nullptr;
+    sm->wexDoZombieReactors(true);
+    sm->subscribeSmIs(nullptr);
+    sm->hasNotificationActiveIs(false);
+    return sm->q7SyncStatus();
+}
+
+void SubscribeSm::q7SyncStatusDelAll() {
+    wexQ7SyncStatus_.forEachSafe([this](Lumo::Ptr<Q7SyncStatusSm> const& sm) {
+        Lumo::String const uri = sm->remoteUri();
+        q7SyncStatusDel(uri);
+    });
+}
+
+Wex::WexType const* SubscribeSm::fwkType() const noexcept { return Wex::wexTypeOf<SubscribeSm>(); }
+
+// SubscribeSm::Q7SyncStatusSm
+
+SubscribeSm::Q7SyncStatusSm::Q7SyncStatusSm(Lumo::Ptr<SyncStatus const> const& status, SubscribeSm* subscribeSm)
+    : subscribeSm_(subscribeSm) {
+    // Not this class's notifierIs: a new watcher reports changes, not the state it finds.
+    NotifieeConst::notifierIs(Lumo::ptr_cast<SyncStatus const>(status));
+}
+
+SubscribeSm::Q7SyncStatusSm::~Q7SyncStatusSm() {
+    hasNotificationActiveIs(false);
+    PtrInterface::wexDoZombieReactors(true);
+}
+
+Lumo::String const& SubscribeSm::Q7SyncStatusSm::remoteUri() const noexcept {
+    static Lumo::String const none;
+    SyncStatus const* status = syncStatus();
+    return status ? status->uri() : none;
+}
+
+void SubscribeSm::Q7SyncStatusSm::notifierIs(Lumo::Ptr<Wex::PtrInterface const> const& p) {
+    Lumo::Ptr<SyncStatus const> const status = Lumo::ptr_cast<SyncStatus const>(p);
+    if (status.ptr() == syncStatus()) return;
+    NotifieeConst::notifierIs(status);
+    if (status && !zombie()) handleSyncStatus();
+}
+
+void SubscribeSm::Q7SyncStatusSm::onAttribute(Wex::AttributeId attribute, void const*) {
+    if (attribute == SyncStatus::kStatus && !zombie()) handleSyncStatus();
+}
+
+void SubscribeSm::Q7SyncStatusSm::handleSyncStatus() const {
+    SyncStatus const* status = syncStatus();
+    if (!status) return;
+    WEX_TRACE(traceHandle(), 1, "Q7SyncStatusSm", "Q7SyncStatus for {} changed to {} with reason {}",
+              status->uri(), status->status(), status->reason());
+}
+
+void SubscribeSm::Q7SyncStatusSm::wexDoZombieReactors(bool marked) {
+    if (marked == zombie()) return;
+    if (syncStatus()) hasNotificationActiveIs(!marked);
+    PtrInterface::wexDoZombieReactors(marked);
+}
+
+Wex::WexType const* SubscribeSm::Q7SyncStatusSm::fwkType() const noexcept {
+    return Wex::wexTypeOf<SubscribeSm::Q7SyncStatusSm>();
+}
+
+// SyncContainerHandlerSm
+
+Lumo::Ptr<SyncContainerHandlerSm> SyncContainerHandlerSm::SyncContainerHandlerSmIs(
+    Lumo::Ptr<SyncContainerHandlerRegistry const> const& syncContainerHandlerRegistry,
+    Lumo::Ptr<SyncContainerStatus const> const& syncContainerStatus) {
+    Lumo::Ptr<SyncContainerHandlerSm> sm(new SyncContainerHandlerSm(syncContainerHandlerRegistry, syncContainerStatus));
+    sm->hasNotificationActiveIs(true);
+    return sm;
+}
+
+Lumo::Ptr<SyncContainerHandlerSm> syncContainerHandlerSmFactory(
+    Lumo::Ptr<SyncContainerHandlerRegistry const> const& syncContainerHandlerRegistry,
+    Lumo::Ptr<SyncContainerStatus const> const& syncContainerStatus) {
+    return SyncContainerHandlerSm::SyncContainerHandlerSmIs(syncContainerHandlerRegistry, syncContainerStatus);
+}
+
+SyncContainerHandlerSm::SyncContainerHandlerSm(Lumo::Ptr<SyncContainerHandlerRegistry const> syncContainerHandlerRegistry,
+                                               Lumo::Ptr<SyncContainerStatus const> syncContainerStatus)
+    : syncContainerHandlerRegistry_(std::move(syncContainerHandlerRegistry)),
+      syncContainerStatus_(std::move(syncContainerStatus)) {
+    hasNotificationActiveIs(true);
+    handleInitialized();
+    // Hands each recorded container to its key's handler a second time; handlers accept that.
+    registryNotifiee_.on_self0(nullptr, syncContainerHandlerRegistry_);
+}
+
+SyncContainerHandlerSm::~SyncContainerHandlerSm() {
+    hasNotificationActiveIs(false);
+    doCleanup();
+    wexDoZombieReactors(true);
+    if (syncContainerHandlerRegistry_)
+        on_syncContainerHandlerRegistry::on_shutdown(*this, *syncContainerHandlerRegistry_);
+}
+
+void SyncContainerHandlerSm::hasNotificationActiveIs(bool active) {
+    if (active == notificationActive()) return;
+    PtrInterface::hasNotificationActiveIs(active);
+    if (!syncContainerStatus_) return;
+    Lumo::Publisher* publisher = syncContainerStatus_->notifieeList();
+    if (active) publisher->subscriberIs(this);
+    else publisher->subscriberDel(this);
+}
+
+void SyncContainerHandlerSm::onPublish(Lumo::Publisher const&, Lumo::Change const& change) {
+    if (zombie() || change.attribute != SyncContainerStatus::kSyncContainer || !change.key) return;
+    PathSubscribeConfig const config = *static_cast<PathSubscribeConfig const*>(change.key);
+    handleSyncContainer(config);
+}
+
+void SyncContainerHandlerSm::handleSyncContainerHandler(Lumo::String const& syncContainerKey, Handler const& oldHandler,
+                                                        Handler const& newHandler) {
+    WEX_TRACE(traceHandle(), 8, "SyncContainerHandlerSm", "syncContainerKey={}", syncContainerKey);
+    if (!syncContainerStatus_) return;
+    for (Lumo::Ptr<SyncContainer const> const& container : syncContainerStatus_->syncContainersOfKey(syncContainerKey)) {
+        PathSubscribeConfig const config = container->pathSubscribeConfig();
+        // A handler called earlier in this loop may have changed the status.
+        if (syncContainerStatus_->syncContainer(config) != container) continue;
+        if (oldHandler) withdrawContainer(oldHandler, config);
+        if (newHandler) giveContainer(newHandler, container);
+    }
+}
+
+void SyncContainerHandlerSm::handleSyncContainer(PathSubscribeConfig const& pathSubscribeConfig) {
+    Handler const handler = syncContainerHandlerRegistry_
+                                ? syncContainerHandlerRegistry_->syncContainerHandler(pathSubscribeConfig.syncContainerKey())
+                                : nullptr;
+    if (!handler) return;
+    Lumo::Ptr<SyncContainer const> const container =
+        syncContainerStatus_ ? syncContainerStatus_->syncContainer(pathSubscribeConfig) : nullptr;
+    WEX_TRACE(traceHandle(), 8, "SyncContainerHandlerSm", "remoteAgentKey={}, syncContainerKey={}, syncContainer={}",
+              pathSubscribeConfig.remoteAgentKey(), pathSubscribeConfig.syncContainerKey(), container);
+    if (container) giveContainer(handler, container);
+    else withdrawContainer(handler, pathSubscribeConfig);
+}
+
+void SyncContainerHandlerSm::handleInitialized() {
+    WEX_TRACE(traceHandle(), 8, "SyncContainerHandlerSm", "");
+    if (!syncContainerStatus_) return;
+    syncContainerStatus_->syncContainer().forEachSafe([this](Lumo::Ptr<SyncContainer const> const& container) {
+        PathSubscribeConfig const config = container->pathSubscribeConfig();
+        handleSyncContainer(config);
+    });
+}
+
+void SyncContainerHandlerSm::doCleanup() {
+    WEX_TRACE(traceHandle(), 8, "SyncContainerHandlerSm", "");
+    if (!syncContainerStatus_ || !syncContainerHandlerRegistry_) return;
+    syncContainerStatus_->syncContainer().forEachSafe([this](Lumo::Ptr<SyncContainer const> const& container) {
+        PathSubscribeConfig const config = container->pathSubscribeConfig();
+        if (Handler const handler = syncContainerHandlerRegistry_->syncContainerHandler(config.syncContainerKey()))
+            withdrawContainer(handler, config);
+    });
+}
+
+// Handlers are the client's code, called inside notifications: one that throws is traced and
+// the dispatch goes on with the next container.
+void SyncContainerHandlerSm::giveContainer(Handler const& handler, Lumo::Ptr<SyncContainer const> const& container) {
+    try {
+        handler->containerIs(container);
+    } catch (std::exception const& e) {
+        WEX_TRACE(traceHandle(), 0, "SyncContainerHandlerSm", "handler of {} threw from containerIs: {}",
+                  handler->syncContainerKey(), e.what());
+    }
+}
+
+void SyncContainerHandlerSm::withdrawContainer(Handler const& handler, PathSubscribeConfig const& config) {
+    try {
+        handler->containerDel(config);
+    } catch (std::exception const& e) {
+        WEX_TRACE(traceHandle(), 0, "SyncContainerHandlerSm", "handler of {} threw from containerDel: {}",
+                  handler->syncContainerKey(), e.what());
+    }
+}
+
+Wex::WexType const* SyncContainerHandlerSm::fwkType() const noexcept { return Wex::wexTypeOf<SyncContainerHandlerSm>(); }
+
+// SyncContainerHandlerSm::on_syncContainerHandlerRegistry
+
+void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::onPublish(Lumo::Publisher const&,
+                                                                        Lumo::Change const& change) {
+    if (change.attribute != SyncContainerHandlerRegistry::kSyncContainerHandler || !change.key) return;
+    Lumo::String const key = *static_cast<Lumo::String const*>(change.key);
+    Handler const old = change.prev ? *static_cast<Handler const*>(change.prev) : Handler();
+    on_child(key, old);
+}
+
+void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::on_child(Lumo::String const& key, Handler const& old) {
+    auto const& registry = reactor_.syncContainerHandlerRegistry_;
+    reactor_.handleSyncContainerHandler(key, old, registry ? registry->syncContainerHandler(key) : nullptr);
+}
+
+void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::on_self0(
+    Lumo::Ptr<SyncContainerHandlerRegistry const> const& r0, Lumo::Ptr<SyncContainerHandlerRegistry const> const& r1) {
+    if (r0) r0->notifieeList()->subscriberDel(this);
+    if (r1) r1->notifieeList()->subscriberIs(this);
+    if (r0)
+        r0->syncContainerHandler().forEachSafe([&](Handler const& handler) {
+            Lumo::String const key = handler->syncContainerKey();
+            reactor_.handleSyncContainerHandler(key, handler, r1 ? r1->syncContainerHandler(key) : nullptr);
+        });
+    if (r1)
+        r1->syncContainerHandler().forEachSafe([&](Handler const& handler) {
+            Lumo::String const key = handler->syncContainerKey();
+            if (!r0 || !r0->syncContainerHandler().has(key)) reactor_.handleSyncContainerHandler(key, nullptr, handler);
+        });
+}
+
+void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::on_shutdown(
+    SyncContainerHandlerSm& reactor, SyncContainerHandlerRegistry const& registry) noexcept {
+    registry.notifieeList()->subscriberDel(&reactor.registryNotifiee_);
+}
+
+namespace {
+constexpr char kSyncContainerSmTypeName[] = "Kel::Q7Sync::SyncContainerSm";
+constexpr char kSubscribeSmTypeName[] = "Kel::Q7Sync::SubscribeSm";
+constexpr char kHandlerSmTypeName[] = "Kel::Q7Sync::SyncContainerHandlerSm";
+
+// An operation taking one PathSubscribeConfig argument named `param`.
+template <class T>
+auto configOperation(void (T::*op)(PathSubscribeConfig const&), char const* owner, char const* param) {
+    return [op, owner, param](T& self, Wex::Args const& args) { (self.*op)(args.get<PathSubscribeConfig>(owner, param)); };
+}
+
+void buildReactorsTypeTable(Wex::WexModule& m) {
+    using Q7SyncStatusSm = SubscribeSm::Q7SyncStatusSm;
+    using Handler = SyncContainerHandlerSm::Handler;
+
+    m.type<SyncContainerStatus>("Kel::Q7Sync::SyncContainerStatus")
+        .collection("syncContainer", [](SyncContainerStatus const& s) -> auto const& { return s.syncContainer(); });
+
+    m.type<SyncContainerSm>(kSyncContainerSmTypeName)
+        .readOnly("subscribeConfig", [](SyncContainerSm const& sm) { return sm.subscribeConfig(); })
+        .readOnly("syncContainerStatus", [](SyncContainerSm const& sm) { return sm.syncContainerStatus(); })
+        .readOnly("remoteDir", [](SyncContainerSm const& sm) { return sm.remoteDir(); })
+        .operation("addContainer", {"config"},
+                   configOperation(&SyncContainerSm::addContainer, kSyncContainerSmTypeName, "config"))
+        .operation("removeContainer", {"config"},
+                   configOperation(&SyncContainerSm::removeContainer, kSyncContainerSmTypeName, "config"))
+        .operation("handlePathSubscribeConfig", {"pathSubscribeConfig"},
+                   configOperation<SyncContainerSm>(&SyncContainerSm::handlePathSubscribeConfig,
+                                                    kSyncContainerSmTypeName, "pathSubscribeConfig"));
+
+    // q7SyncStatus and wexQ7SyncStatus are two views of one map; reflection walks the
+    // reactors in both, each reactor showing its status as its attribute "q7SyncStatus".
+    m.type<SubscribeSm>(kSubscribeSmTypeName)
+        .readOnly("subscribeConfig", [](SubscribeSm const& sm) { return sm.subscribeConfig(); })
+        .readOnly("syncContainerStatus", [](SubscribeSm const& sm) { return sm.syncContainerStatus(); })
+        .readOnly("subscribeStatus", [](SubscribeSm const& sm) { return sm.subscribeStatus(); })
+        .operation("subscribe", {"pathSubscribeConfig"},
+                   configOperation(&SubscribeSm::subscribe, kSubscribeSmTypeName, "pathSubscribeConfig"))
+        .operation("unsubscribe", {"pathSubscribeConfig"},
+                   configOperation(&SubscribeSm::unsubscribe, kSubscribeSmTypeName, "pathSubscribeConfig"))
+        .operation("handlePathSubscribeConfig", {"pathSubscribeConfig"},
+                   configOperation<SubscribeSm>(&SubscribeSm::handlePathSubscribeConfig, kSubscribeSmTypeName,
+                                                "pathSubscribeConfig"))
+        .collection("q7SyncStatus", [](SubscribeSm const& sm) -> auto const& { return sm.wexQ7SyncStatus(); })
+        .collection("wexQ7SyncStatus", [](SubscribeSm const& sm) -> auto const& { return sm.wexQ7SyncStatus(); });
+
+    m.type<Q7SyncStatusSm>("Kel::Q7Sync::SubscribeSm::Q7SyncStatusSm")
+        .attribute(
+            "subscribeSm", [](Q7SyncStatusSm const& sm) { return Lumo::Ptr<SubscribeSm>(sm.subscribeSm()); },
+            [](Q7SyncStatusSm& sm, Lumo::Ptr<SubscribeSm> const& owner) { sm.subscribeSmIs(owner.ptr()); })
+        .attribute(
+            "q7SyncStatus", [](Q7SyncStatusSm const& sm) { return sm.q7SyncStatus(); },
+            [](Q7SyncStatusSm& sm, Lumo::Ptr<SubscribeSm::SyncStatus const> const& status) { sm.notifierIs(status); })
+        .readOnly("remoteUri", [](Q7SyncStatusSm const& sm) { return sm.remoteUri(); })
+        .operation("handleSyncStatus", {}, [](Q7SyncStatusSm& sm, Wex::Args const&) { sm.handleSyncStatus(); });
+
+    m.type<SyncContainerHandlerSm>(kHandlerSmTypeName)
+        .readOnly("syncContainerHandlerRegistry",
+                  [](SyncContainerHandlerSm const& sm) { return sm.syncContainerHandlerRegistry(); })
+        .readOnly("syncContainerStatus", [](SyncContainerHandlerSm const& sm) { return sm.syncContainerStatus(); })
+        .operation("handleSyncContainerHandler", {"syncContainerKey", "oldHandler", "newHandler"},
+                   [](SyncContainerHandlerSm& sm, Wex::Args const& args) {
+                       sm.handleSyncContainerHandler(args.get<Lumo::String>(kHandlerSmTypeName, "syncContainerKey"),
+                                                     args.get<Handler>(kHandlerSmTypeName, "oldHandler"),
+                                                     args.get<Handler>(kHandlerSmTypeName, "newHandler"));
+                   })
+        .operation("handleSyncContainer", {"pathSubscribeConfig"},
+                   configOperation<SyncContainerHandlerSm>(&SyncContainerHandlerSm::handleSyncContainer,
+                                                           kHandlerSmTypeName, "pathSubscribeConfig"))
+        .operation("handleInitialized", {}, [](SyncContainerHandlerSm& sm, Wex::Args const&) { sm.handleInitialized(); })
+        .operation("doCleanup", {}, [](SyncContainerHandlerSm& sm, Wex::Args const&) { sm.doCleanup(); });
+}
+} // namespace
+
 namespace {
 void buildTypeTable(Wex::WexModule& m) {
     m.type<EffectiveSubscribeConfig>("Kel::Q7Sync::EffectiveSubscribeConfig")
         .collection("pathSubscribeConfig",
                     [](EffectiveSubscribeConfig const& e) -> auto const& { return e.pathSubscribeConfig(); });
-    // NOTIFIEE-TYPES-TABLE
     using S = PathSubscribeRequestSetForUri;
     using N = PathSubscribeRequestNotifiee;
     m.type<S>("Kel::Q7Sync::PathSubscribeRequestSetForUri")
@@ -253,6 +834,7 @@ void buildTypeTable(Wex::WexModule& m) {
         .collection("requestSetForRemoteUri", [](N const& n) -> auto const& { return n.requestSetForRemoteUri(); })
         .hidden("addRequestToSet")
         .hidden("removeRequestFromSet");
+    buildReactorsTypeTable(m);
 }
 Wex::WexModuleRegistrar registrar("KelLib/Q7SyncSubscribeSm", buildTypeTable);
 } // namespace

@@ -3,11 +3,17 @@
 #pragma once
 
 #include <cstddef>
-
+#include <unordered_map>
+#include <vector>
+#include "KelLib/Q7SyncContainer.h"
 #include "KelLib/Q7SyncSubscribeRequest.h"
+#include "KelLib/Q7SyncSubscribeStatus.h"
+#include "Lumo/Ptr.h"
 #include "Lumo/Publisher.h"
 #include "Lumo/String.h"
+#include "Q7Serdes/Status.h"
 #include "Wex/Collection.h"
+#include "Wex/Entity.h"
 #include "Wex/PtrInterface.h"
 
 namespace Kel::Q7Sync {
@@ -42,7 +48,6 @@ private:
 
 Lumo::Ptr<EffectiveSubscribeConfig> effectiveSubscribeConfigFactory();
 
-// NOTIFIEE-DECLARATIONS
 
 // The requests that use one URI, by their life-time notifiers. A set exists only while it
 // holds a request.
@@ -150,5 +155,252 @@ private:
 
 Lumo::Ptr<PathSubscribeRequestNotifiee> pathSubscribeRequestNotifieeFactory(
     Lumo::Ptr<EffectiveSubscribeConfig> const& effectiveSubscribeConfig);
+
+// The recorded containers, keyed by the subscription each serves (its pathSubscribeConfig).
+// A record keeps its container alive. Watchers hear of each insertion, replacement and
+// removal (attribute kSyncContainer) with the key and the previous container.
+class SyncContainerStatus : public Wex::PtrInterface {
+public:
+    static constexpr Wex::AttributeId kSyncContainer = 130;
+    using Containers = Wex::Collection<PathSubscribeConfig, Lumo::Ptr<SyncContainer const>,
+                                       Wex::MemberKey<&SyncContainer::pathSubscribeConfig>>;
+
+    static Lumo::Ptr<SyncContainerStatus> SyncContainerStatusIs();
+
+    Containers const& syncContainer() const noexcept { return syncContainer_; }
+    Lumo::Ptr<SyncContainer const> syncContainer(PathSubscribeConfig const& config) const {
+        return syncContainer_.get(config);
+    }
+    // Records container under its own pathSubscribeConfig; refuses null
+    // (Wex::NullArgumentException of "syncContainer").
+    void syncContainerIs(Lumo::Ptr<SyncContainer const> const& container);
+    Lumo::Ptr<SyncContainer const> syncContainerDel(PathSubscribeConfig const& config);
+    void syncContainerDelAll();
+
+    // The containers recorded for one syncContainerKey, as a snapshot that later changes of
+    // the status do not disturb.
+    std::vector<Lumo::Ptr<SyncContainer const>> syncContainersOfKey(Lumo::String const& syncContainerKey) const;
+
+    Lumo::Publisher* notifieeList() const noexcept override { return &publisher_; }
+    Wex::WexType const* fwkType() const noexcept override;
+
+protected:
+    SyncContainerStatus() = default;
+    ~SyncContainerStatus() override;
+
+private:
+    mutable Lumo::Publisher publisher_;
+    Containers syncContainer_{"syncContainer", kSyncContainer, &publisher_};
+    // The same records by syncContainerKey, so that a handler's replay visits only its key.
+    // Nobody watches these; they change before syncContainer_ tells its watchers.
+    std::unordered_map<Lumo::String, Containers> syncContainerByKey_;
+};
+
+Lumo::Ptr<SyncContainerStatus> syncContainerStatusFactory();
+
+// Gives every subscription in force its container in remoteDir / remoteAgentKey /
+// syncContainerKey and records it; takes record and container away when the subscription
+// ends, the record first, so that watchers of the status still find the container in place.
+// Destroying the reactor leaves containers and records as they are.
+class SyncContainerSm : public Wex::PtrInterface, private Lumo::Subscriber {
+public:
+    // Refuses a null status or directory (Wex::NullArgumentException); a null configuration
+    // counts as an empty one.
+    static Lumo::Ptr<SyncContainerSm> SyncContainerSmIs(Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig,
+                                                        Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus,
+                                                        Lumo::Ptr<Wex::Dir> const& remoteDir);
+
+    Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig() const noexcept { return subscribeConfig_; }
+    Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus() const noexcept { return syncContainerStatus_; }
+    Lumo::Ptr<Wex::Dir> const& remoteDir() const noexcept { return remoteDir_; }
+
+    void addContainer(PathSubscribeConfig const& config);
+    void removeContainer(PathSubscribeConfig const& config);
+    // Adds the container of a subscription in force, removes that of any other.
+    void handlePathSubscribeConfig(PathSubscribeConfig const& pathSubscribeConfig);
+    // Every recorded subscription, then every one in force.
+    void handlePathSubscribeConfig();
+
+    void hasNotificationActiveIs(bool active) override;
+    Wex::WexType const* fwkType() const noexcept override;
+
+protected:
+    SyncContainerSm(Lumo::Ptr<EffectiveSubscribeConfig const> subscribeConfig,
+                    Lumo::Ptr<SyncContainerStatus> syncContainerStatus, Lumo::Ptr<Wex::Dir> remoteDir);
+    ~SyncContainerSm() override;
+
+private:
+    void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+    void agentDirDelIfEmpty(Lumo::String const& remoteAgentKey);
+
+    Lumo::Ptr<EffectiveSubscribeConfig const> const subscribeConfig_;
+    Lumo::Ptr<SyncContainerStatus> const syncContainerStatus_;
+    Lumo::Ptr<Wex::Dir> const remoteDir_;
+};
+
+Lumo::Ptr<SyncContainerSm> syncContainerSmFactory(Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig,
+                                                  Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus,
+                                                  Lumo::Ptr<Wex::Dir> const& remoteDir);
+
+// Subscribes, on the sync service, every subscription that is in force and has its container
+// recorded, and unsubscribes it as soon as either is missing. Keeps each returned status in
+// SubscribeStatus and watches it through a Q7SyncStatusSm per remote URI. Destroying the
+// reactor unsubscribes nothing and leaves SubscribeStatus as it is.
+class SubscribeSm : public Wex::PtrInterface, private Lumo::Subscriber {
+public:
+    using SyncStatus = Q7Serdes::WexUtils::SyncStatus;
+
+    // Traces each change of the status of one subscribed remote URI. Owned by its SubscribeSm
+    // through a counted pointer; its back pointer to the owner is not counted and is cleared
+    // when the owner lets it go.
+    class Q7SyncStatusSm : public Wex::PtrInterface::NotifieeConst {
+    public:
+        // Watches status without tracing it; the owner switches notification on.
+        Q7SyncStatusSm(Lumo::Ptr<SyncStatus const> const& status, SubscribeSm* subscribeSm);
+
+        SubscribeSm* subscribeSm() const noexcept { return subscribeSm_; }
+        void subscribeSmIs(SubscribeSm* subscribeSm) noexcept { subscribeSm_ = subscribeSm; }
+        Lumo::Ptr<SyncStatus const> q7SyncStatus() const noexcept { return Lumo::Ptr<SyncStatus const>(syncStatus()); }
+        void q7SyncStatusIs(Lumo::Ptr<SyncStatus const> const& status) { notifierIs(status); }
+        // The uri of the watched status, empty when it watches none; the owner's key for it.
+        Lumo::String const& remoteUri() const noexcept;
+
+        // Watches p when it is a SyncStatus (anything else counts as null) and traces a new
+        // status at once.
+        void notifierIs(Lumo::Ptr<Wex::PtrInterface const> const& p) override;
+        void onAttribute(Wex::AttributeId attribute, void const* value) override;
+        void handleSyncStatus() const;
+        void wexDoZombieReactors(bool marked) override;
+        Wex::WexType const* fwkType() const noexcept override;
+
+    protected:
+        ~Q7SyncStatusSm() override;
+
+    private:
+        // The notifier is always a SyncStatus or null: notifierIs admits nothing else.
+        SyncStatus const* syncStatus() const noexcept { return static_cast<SyncStatus const*>(notifier().ptr()); }
+
+        SubscribeSm* subscribeSm_;
+    };
+
+    static constexpr Wex::AttributeId kQ7SyncStatus = 136;
+    using StatusSms = Wex::Collection<Lumo::String, Lumo::Ptr<Q7SyncStatusSm>, Wex::MemberKey<&Q7SyncStatusSm::remoteUri>>;
+
+    // Refuses any null argument (Wex::NullArgumentException naming it).
+    static Lumo::Ptr<SubscribeSm> SubscribeSmIs(Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig,
+                                                Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus,
+                                                Lumo::Ptr<SubscribeStatus> const& subscribeStatus);
+
+    Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig() const noexcept { return subscribeConfig_; }
+    Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus() const noexcept { return syncContainerStatus_; }
+    Lumo::Ptr<SubscribeStatus> const& subscribeStatus() const noexcept { return subscribeStatus_; }
+
+    void subscribe(PathSubscribeConfig const& config);
+    void unsubscribe(PathSubscribeConfig const& config);
+    // Subscribes a subscription in force with its container recorded, unsubscribes any other
+    // that is subscribed.
+    void handlePathSubscribeConfig(PathSubscribeConfig const& config);
+    // Every subscribed subscription, then every one in force.
+    void handlePathSubscribeConfig();
+
+    // Two views of one map, keyed by remote URI: the statuses, and the reactors watching them.
+    StatusSms const& wexQ7SyncStatus() const noexcept { return wexQ7SyncStatus_; }
+    Lumo::Ptr<Q7SyncStatusSm> wexQ7SyncStatus(Lumo::String const& uri) const { return wexQ7SyncStatus_.get(uri); }
+    Lumo::Ptr<SyncStatus const> q7SyncStatus(Lumo::String const& uri) const;
+    // Watches status under its uri: reuses the reactor there, rebinding it to another status
+    // entity; refuses null (Wex::NullArgumentException of "q7SyncStatus").
+    void q7SyncStatusIs(Lumo::Ptr<SyncStatus const> const& status);
+    Lumo::Ptr<SyncStatus const> q7SyncStatusDel(Lumo::String const& uri);
+    void q7SyncStatusDelAll();
+
+    void hasNotificationActiveIs(bool active) override;
+    void wexDoZombieReactors(bool marked) override;
+    Wex::WexType const* fwkType() const noexcept override;
+
+protected:
+    SubscribeSm(Lumo::Ptr<EffectiveSubscribeConfig const> subscribeConfig,
+                Lumo::Ptr<SyncContainerStatus> syncContainerStatus, Lumo::Ptr<SubscribeStatus> subscribeStatus);
+    ~SubscribeSm() override;
+
+private:
+    void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+
+    Lumo::Ptr<EffectiveSubscribeConfig const> const subscribeConfig_;
+    Lumo::Ptr<SyncContainerStatus> const syncContainerStatus_;
+    Lumo::Ptr<SubscribeStatus> const subscribeStatus_;
+    StatusSms wexQ7SyncStatus_{"q7SyncStatus", kQ7SyncStatus};
+};
+
+Lumo::Ptr<SubscribeSm> subscribeSmFactory(Lumo::Ptr<EffectiveSubscribeConfig const> const& subscribeConfig,
+                                          Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus,
+                                          Lumo::Ptr<SubscribeStatus> const& subscribeStatus);
+
+// Keeps every registered handler holding exactly the recorded containers of its key:
+// containerIs when a record appears or the handler arrives, containerDel when the record goes,
+// the handler leaves, or the reactor is destroyed. An outgoing handler is told containerDel
+// before the incoming one is given the container.
+class SyncContainerHandlerSm : public Wex::PtrInterface, private Lumo::Subscriber {
+public:
+    using Handler = Lumo::Ptr<SyncContainerHandler const>;
+
+    // The reactor's subscription to the registry's publisher.
+    class on_syncContainerHandlerRegistry final : public Lumo::Subscriber {
+    public:
+        explicit on_syncContainerHandlerRegistry(SyncContainerHandlerSm& reactor) noexcept : reactor_(reactor) {}
+
+        // The handler of key changed; old is the one it had (null after an insertion).
+        void on_child(Lumo::String const& key, Handler const& old);
+        // Moves the reactor's subscription from registry r0 to r1 (either may be null) and
+        // replays the handlers that differ.
+        void on_self0(Lumo::Ptr<SyncContainerHandlerRegistry const> const& r0,
+                      Lumo::Ptr<SyncContainerHandlerRegistry const> const& r1);
+        static void on_shutdown(SyncContainerHandlerSm& reactor, SyncContainerHandlerRegistry const& registry) noexcept;
+
+    private:
+        void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+        SyncContainerHandlerSm& reactor_;  // the enclosing reactor, whose member this is
+    };
+
+    // Either argument may be null: no registry means no handlers, no status no containers.
+    static Lumo::Ptr<SyncContainerHandlerSm> SyncContainerHandlerSmIs(
+        Lumo::Ptr<SyncContainerHandlerRegistry const> const& syncContainerHandlerRegistry,
+        Lumo::Ptr<SyncContainerStatus const> const& syncContainerStatus);
+
+    Lumo::Ptr<SyncContainerHandlerRegistry const> const& syncContainerHandlerRegistry() const noexcept {
+        return syncContainerHandlerRegistry_;
+    }
+    Lumo::Ptr<SyncContainerStatus const> const& syncContainerStatus() const noexcept { return syncContainerStatus_; }
+
+    // For each recorded container of the key: oldHandler's containerDel, then newHandler's
+    // containerIs (either handler may be null).
+    void handleSyncContainerHandler(Lumo::String const& syncContainerKey, Handler const& oldHandler,
+                                    Handler const& newHandler);
+    // Gives the container recorded for the subscription to its key's handler, or withdraws it.
+    void handleSyncContainer(PathSubscribeConfig const& pathSubscribeConfig);
+    void handleInitialized();
+    void doCleanup();
+
+    // Switches the status subscription only; the registry's stays as it is.
+    void hasNotificationActiveIs(bool active) override;
+    Wex::WexType const* fwkType() const noexcept override;
+
+protected:
+    SyncContainerHandlerSm(Lumo::Ptr<SyncContainerHandlerRegistry const> syncContainerHandlerRegistry,
+                           Lumo::Ptr<SyncContainerStatus const> syncContainerStatus);
+    ~SyncContainerHandlerSm() override;
+
+private:
+    void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+    void giveContainer(Handler const& handler, Lumo::Ptr<SyncContainer const> const& container);
+    void withdrawContainer(Handler const& handler, PathSubscribeConfig const& config);
+
+    Lumo::Ptr<SyncContainerHandlerRegistry const> syncContainerHandlerRegistry_;
+    Lumo::Ptr<SyncContainerStatus const> syncContainerStatus_;
+    on_syncContainerHandlerRegistry registryNotifiee_{*this};
+};
+
+Lumo::Ptr<SyncContainerHandlerSm> syncContainerHandlerSmFactory(
+    Lumo::Ptr<SyncContainerHandlerRegistry const> const& syncContainerHandlerRegistry,
+    Lumo::Ptr<SyncContainerStatus const> const& syncContainerStatus);
 
 } // namespace Kel::Q7Sync

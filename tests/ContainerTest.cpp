@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "KelLib/Q7SyncSubscribeSmReactors.h"
+#include "KelLib/Q7SyncSubscribeSm.h"
 #include "host/StateContainer.h"
 #include "support/SyncTestSupport.h"
 

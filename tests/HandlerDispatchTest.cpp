@@ -1,5 +1,5 @@
 // The handler dispatch: containers handed to and withdrawn from the handler of their key.
-#include "KelLib/Q7SyncSubscribeSmReactors.h"
+#include "KelLib/Q7SyncSubscribeSm.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
 // The subscribe state machine, its status reactors and the SubscribeStatus record.
-#include "KelLib/Q7SyncSubscribeSmReactors.h"
+#include "KelLib/Q7SyncSubscribeSm.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
 // A subscription from request to release, through every reactor wired as the module wires them.
-#include "KelLib/Q7SyncSubscribeSmReactors.h"
+#include "KelLib/Q7SyncSubscribeSm.h"
 
 #include <gtest/gtest.h>
 

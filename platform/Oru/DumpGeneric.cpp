@@ -66,7 +66,9 @@ void writeCollection(DumpContext& ctx, unsigned depth, Wex::WexAttr const& attr,
     fmt::memory_buffer label;
     attr.forEach(object, [&](Wex::Value const& key, Wex::Value const& value) {
         label.clear();
-        fmt::format_to(std::back_inserter(label), "{} ->", key.text());
+        // A set's members are their own keys: listed once, as items.
+        if (key.empty()) fmt::format_to(std::back_inserter(label), "-");
+        else fmt::format_to(std::back_inserter(label), "{} ->", key.text());
         writeValue(ctx, depth + 1, std::string_view(label.data(), label.size()), value);
     });
 }

@@ -33,6 +33,10 @@ std::string valueToStrep(WexUtils::SyncRequestFlags f);
 // Reads the text form back; anything else is a Wex::RangeException of attribute "SyncRequestFlags".
 WexUtils::SyncRequestFlags sequenceToValue(Wex::CharRange& range);
 
+namespace WexUtils {
+using ::Q7Sync::valueToStrep;  // found by argument-dependent lookup on the flags, as reflection does
+}
+
 } // namespace Q7Sync
 
 template <>

@@ -64,7 +64,11 @@ public:
         WexAttr& a = add(std::move(name), AttrKind::collection, {}).attrs_back();
         a.walk_ = [access](void const* o, WexAttr::Visitor const& visit) {
             auto const& c = access(*self(o));
-            for (auto const& v : c) visit(Value::of(c.keyOf(v)), Value::of(v));
+            using C = std::decay_t<decltype(c)>;
+            for (auto const& v : c) {
+                if constexpr (C::kIsSet) visit(Value(), Value::of(v));  // a set member is its own key
+                else visit(Value::of(c.keyOf(v)), Value::of(v));
+            }
         };
         a.count_ = [access](void const* o) { return access(*self(o)).size(); };
         return *this;

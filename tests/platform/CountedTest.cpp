@@ -9,7 +9,7 @@ namespace {
 
 class Tracked : public Wex::PtrInterface {
 public:
-    explicit Tracked(int* deaths, Lumo::Ptr<Tracked> next = nullptr) : deaths_(deaths), next_(std::move(next)) {}
+    explicit Tracked(int* deaths, Lumo::Ptr<Tracked> next = nullptr) : next_(std::move(next)), deaths_(deaths) {}
     Lumo::Ptr<Tracked> next_;
 
 protected:

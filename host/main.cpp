@@ -1,0 +1,47 @@
+// q7agent: an agent daemon with the module loaded, driven by commands from a script or a terminal.
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "Shell.h"
+#include "Wex/Trace.h"
+
+int main(int argc, char** argv) {
+    CLI::App app("q7agent: an agent host with the sync module loaded.\n"
+                 "Reads commands from SCRIPT, or from standard input; 'help' lists them.");
+    std::string script;
+    std::vector<std::string> traces;
+    bool strict = false;
+    app.add_option("script", script, "file of commands, one per line ('#' starts a comment)")->check(CLI::ExistingFile);
+    app.add_option("--trace", traces, "switch a trace level on at start, as HANDLE:LEVEL (e.g. KelQ7SyncSubscribeSm:1)");
+    app.add_flag("--strict", strict, "exit with status 1 when any command failed");
+    CLI11_PARSE(app, argc, argv);
+
+    Wex::TraceHandle::sinkIs([](std::string_view line) { fmt::print(stdout, "  trace {}\n", line); });
+    for (auto const& t : traces) {
+        auto colon = t.rfind(':');
+        unsigned level = 10;
+        if (colon != std::string::npos && colon + 2 == t.size() && t[colon + 1] >= '0' && t[colon + 1] <= '9')
+            level = unsigned(t[colon + 1] - '0');
+        if (level > 9 || !Wex::TraceHandle::levelIs(t.substr(0, colon), level, true)) {
+            fmt::print(stderr, "q7agent: --trace takes HANDLE:LEVEL with LEVEL 0 to 9, not '{}'\n", t);
+            return 2;
+        }
+    }
+
+    Q7Agent::Shell shell(stdout);
+    int failures = 0;
+    if (!script.empty()) {
+        std::ifstream in(script);
+        failures = shell.run(in, false);
+    } else {
+        failures = shell.run(std::cin, ::isatty(STDIN_FILENO) != 0);
+    }
+    if (failures) fmt::print(stdout, "q7agent: {} command(s) failed\n", failures);
+    return strict && failures ? 1 : 0;
+}
