@@ -48,6 +48,8 @@ struct Shell::Command {
     char const* usage;
     char const* help;
     std::function<std::function<void()>(Shell&, CLI::App&)> define;
+    // Takes the rest of the line as it stands, quotes and all, unparsed.
+    bool verbatim = false;
 };
 
 std::map<std::string, Shell::Command, std::less<>> const& Shell::commands() {
@@ -56,9 +58,13 @@ std::map<std::string, Shell::Command, std::less<>> const& Shell::commands() {
                     [](Shell& s, CLI::App& app) {
                         auto a = std::make_shared<std::pair<std::string, std::uint16_t>>();
                         app.add_option("address", a->first)->required();
-                        app.add_option("port", a->second);
-                        return [&s, a] {
-                            ListenConfig cfg = a->first == "off" ? ListenConfig() : ListenConfig(address(a->first), a->second);
+                        CLI::Option* port = app.add_option("port", a->second);
+                        return [&s, a, port] {
+                            bool const off = a->first == "off";
+                            if (off && port->count())
+                                throw CLI::ValidationError("port", "'listen off' takes no port");
+                            if (!off && !port->count()) throw CLI::RequiredError("port");
+                            ListenConfig cfg = off ? ListenConfig() : ListenConfig(address(a->first), a->second);
                             s.module_->listen(cfg);
                             auto st = s.module_->listenStatus()->listenConfigStatus();
                             if (!st) {
@@ -77,7 +83,7 @@ std::map<std::string, Shell::Command, std::less<>> const& Shell::commands() {
         {"subscribe", {"subscribe ADDRESS PORT PATH KEY [--type TYPE] [--flags FLAGS]",
                        "ask for a remote path; prints the id of the request the host holds",
                        [](Shell& s, CLI::App& app) {
-                           struct Args { std::string addr, path, key, type = "Q7Agent::StateContainer", flags = "NONE"; std::uint32_t port = 0; };
+                           struct Args { std::string addr, path, key, type = "Q7Agent::StateContainer", flags = "NONE"; std::uint16_t port = 0; };
                            auto a = std::make_shared<Args>();
                            app.add_option("address", a->addr)->required();
                            app.add_option("port", a->port)->required();
@@ -116,36 +122,40 @@ std::map<std::string, Shell::Command, std::less<>> const& Shell::commands() {
                              auto registry = s.module_->syncContainerHandlerRegistry();
                              if (a->first == "add") {
                                  fmt::print(s.out_, "  handler '{}' registered\n", a->second);
-                                 registry->syncContainerHandlerIs(Lumo::Ptr<PrintingHandler const>(new PrintingHandler(Lumo::String(a->second), s.out_)));
-                             } else if (!registry->syncContainerHandlerDel(Lumo::String(a->second))) {
+                                 Lumo::Ptr<PrintingHandler const> handler(new PrintingHandler(Lumo::String(a->second), s.out_));
+                                 s.handlers_[a->second] = handler;
+                                 registry->syncContainerHandlerIs(handler);
+                             } else if (!registry->syncContainerHandler(Lumo::String(a->second))) {
                                  fmt::print(s.out_, "  no handler for '{}'\n", a->second);
                              } else {
+                                 // Said first, as the handler is told of its containers while it goes.
                                  fmt::print(s.out_, "  handler '{}' removed\n", a->second);
+                                 registry->syncContainerHandlerDel(Lumo::String(a->second));
+                                 s.handlers_.erase(a->second);
                              }
                          };
                      }}},
         {"status", {"status REMOTE_URI STATUS [REASON]", "change a subscription's status in the sync service",
-                    [](Shell& s, CLI::App& app) {
+                    [](Shell&, CLI::App& app) {
                         auto a = std::make_shared<std::array<std::string, 3>>();
                         app.add_option("remoteUri", (*a)[0])->required();
                         app.add_option("status", (*a)[1])->required();
                         app.add_option("reason", (*a)[2]);
-                        return [&s, a] {
+                        return [a] {
                             auto st = syncStatus((*a)[1]);
                             if (!Q7Sync::Service::instance().syncStatusIs((*a)[0], st, Lumo::String((*a)[2])))
                                 throw CLI::ValidationError("remoteUri", fmt::format("'{}' is not subscribed", (*a)[0]));
                         };
                     }}},
         {"listening", {"listening ADDRESS PORT true|false [REASON]", "change an endpoint's listening state in the sync service",
-                       [](Shell& s, CLI::App& app) {
+                       [](Shell&, CLI::App& app) {
                            struct Args { std::string addr, reason; std::uint16_t port = 0; bool on = false; };
                            auto a = std::make_shared<Args>();
                            app.add_option("address", a->addr)->required();
                            app.add_option("port", a->port)->required();
                            app.add_option("listening", a->on)->required();
                            app.add_option("reason", a->reason);
-                           return [&s, a] {
-                               (void)s;
+                           return [a] {
                                if (!Q7Sync::Service::instance().listeningIs(a->addr, a->port, a->on, Lumo::String(a->reason)))
                                    throw CLI::ValidationError("address", fmt::format("no endpoint {} {}", a->addr, a->port));
                            };
@@ -181,11 +191,10 @@ std::map<std::string, Shell::Command, std::less<>> const& Shell::commands() {
                       return [&s, name] { s.runShowCommand(*name); };
                   }}},
         {"echo", {"echo TEXT...", "print a line (for scripts)",
-                  [](Shell& s, CLI::App& app) {
-                      auto words = std::make_shared<std::vector<std::string>>();
-                      app.add_option("text", *words);
-                      return [&s, words] { fmt::print(s.out_, "\n== {}\n", fmt::join(*words, " ")); };
-                  }}},
+                  [](Shell& s, CLI::App&) {
+                      return [&s] { fmt::print(s.out_, "\n== {}\n", s.arguments_); };
+                  },
+                  true}},
         {"help", {"help", "list the commands",
                   [](Shell& s, CLI::App&) {
                       return [&s] {
@@ -208,6 +217,11 @@ Shell::Shell(std::FILE* out)
 
 Shell::~Shell() {
     requests_.clear();
+    // Its handlers print to out_, which may not outlive the host; the module must not keep them.
+    auto const& registry = module_->syncContainerHandlerRegistry();
+    for (auto const& [key, handler] : handlers_)
+        if (registry->syncContainerHandler(Lumo::String(key)) == handler) registry->syncContainerHandlerDel(Lumo::String(key));
+    handlers_.clear();
     while (!anchor_->callbacks().empty()) anchor_->callbackDel((*anchor_->callbacks().begin())->name());
 }
 
@@ -231,13 +245,21 @@ bool Shell::execute(std::string_view line) {
         ++failures_;
         return true;
     }
-    CLI::App app(it->second.help, name);
-    std::function<void()> action = it->second.define(*this, app);
+    std::string const rest = text.substr(name.size());
+    auto const from = rest.find_first_not_of(" \t");
+    auto const to = rest.find_last_not_of(" \t\r");
+    arguments_ = from == std::string::npos ? std::string() : rest.substr(from, to + 1 - from);
     try {
-        app.parse(text.substr(name.size()), false);
+        CLI::App app(it->second.help, name);
+        app.set_help_flag();  // "-h" is not an option of any command
+        std::function<void()> action = it->second.define(*this, app);
+        if (!it->second.verbatim) app.parse(rest, false);
         action();
     } catch (std::exception const& e) {
         fmt::print(out_, "error: {}; usage: {}\n", e.what(), it->second.usage);
+        ++failures_;
+    } catch (...) {
+        fmt::print(out_, "error: unexpected failure; usage: {}\n", it->second.usage);
         ++failures_;
     }
     std::fflush(out_);
@@ -252,8 +274,10 @@ int Shell::run(std::istream& in, bool interactive) {
             std::fflush(out_);
         }
         if (!std::getline(in, line)) break;
-        if (!interactive && line.find_first_not_of(" \t\r") != std::string::npos && line[line.find_first_not_of(" \t\r")] != '#' &&
-            !line.starts_with("echo"))
+        // A script's commands are shown before their output; its comments and echoes are not.
+        auto const first = line.find_first_not_of(" \t\r");
+        if (!interactive && first != std::string::npos && line[first] != '#' &&
+            line.compare(first, line.find_first_of(" \t\r", first) - first, "echo") != 0)
             fmt::print(out_, "> {}\n", line);
         if (!execute(line)) break;
     }

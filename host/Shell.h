@@ -39,6 +39,10 @@ private:
     Lumo::Ptr<Agent::AsynchShowCommandAnchor> anchor_;
     // Requests the host holds for its users, by the id it printed.
     std::map<unsigned, Lumo::Ptr<Kel::Q7Sync::PathSubscribeRequest const>> requests_;
+    // Handlers the host registered, by key; withdrawn from the module when the host goes.
+    std::map<std::string, Lumo::Ptr<PrintingHandler const>> handlers_;
+    // The current command's arguments as written.
+    std::string arguments_;
     unsigned nextId_ = 1;
     int failures_ = 0;
     bool quit_ = false;
