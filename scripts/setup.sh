@@ -11,6 +11,8 @@ PACKAGES=(
   libfmt-dev
   libgtest-dev libgmock-dev
   libbenchmark-dev
+  libabsl-dev          # scripts/bench.sh builds the reference's lean program, which uses it
+  valgrind bc          # instruction counts (callgrind) in scripts/bench.sh and the reference
   libcli11-dev         # the host program's option parsing
 )
 
