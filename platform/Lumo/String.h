@@ -14,6 +14,7 @@ namespace Lumo {
 
 // Strings are copied into every collection keyed by a subscription; sharing the buffer makes
 // each copy a count increment instead of an allocation. Counts are framework-thread only.
+// The hash is computed once, with the buffer: strings are looked up far more often than made.
 class String {
 public:
     String() noexcept = default;
@@ -23,7 +24,9 @@ public:
     String(String const& o) noexcept : rep_(o.rep_) { if (rep_) ++rep_->refs; }
     String(String&& o) noexcept : rep_(o.rep_) { o.rep_ = nullptr; }
     String& operator=(String o) noexcept { std::swap(rep_, o.rep_); return *this; }
-    ~String() { release(); }
+    ~String() {
+        if (rep_ && --rep_->refs == 0) destroy(rep_);
+    }
 
     std::string_view view() const noexcept { return rep_ ? std::string_view(rep_->data, rep_->size) : std::string_view(); }
     operator std::string_view() const noexcept { return view(); }
@@ -32,8 +35,13 @@ public:
     std::size_t size() const noexcept { return rep_ ? rep_->size : 0; }
     bool empty() const noexcept { return rep_ == nullptr; }
     bool startsWith(std::string_view p) const noexcept { return view().starts_with(p); }
+    // The hash of the text, the same for equal strings whatever their buffers.
+    std::uint32_t hash() const noexcept { return rep_ ? rep_->hash : kEmptyHash; }
+    static std::uint32_t hashOf(std::string_view s) noexcept;
 
-    friend bool operator==(String const& a, String const& b) noexcept { return a.rep_ == b.rep_ || a.view() == b.view(); }
+    friend bool operator==(String const& a, String const& b) noexcept {
+        return a.rep_ == b.rep_ || (a.hash() == b.hash() && a.view() == b.view());
+    }
     friend bool operator==(String const& a, std::string_view b) noexcept { return a.view() == b; }
     friend bool operator==(String const& a, char const* b) noexcept { return a.view() == b; }
     friend std::strong_ordering operator<=>(String const& a, String const& b) noexcept { return a.view() <=> b.view(); }
@@ -42,9 +50,11 @@ private:
     struct Rep {
         std::uint32_t refs;
         std::uint32_t size;
+        std::uint32_t hash;
         char data[1];
     };
-    void release() noexcept;
+    static constexpr std::uint32_t kEmptyHash = 0x811c9dc5u;
+    static void destroy(Rep* rep) noexcept;
     Rep* rep_ = nullptr;
 };
 
@@ -60,5 +70,5 @@ struct fmt::formatter<Lumo::String> : fmt::formatter<std::string_view> {
 
 template <>
 struct std::hash<Lumo::String> {
-    std::size_t operator()(Lumo::String const& s) const noexcept { return std::hash<std::string_view>{}(s.view()); }
+    std::size_t operator()(Lumo::String const& s) const noexcept { return s.hash(); }
 };
