@@ -2,9 +2,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
+#include <iterator>
+#include <memory>
+#include <new>
 #include <type_traits>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -28,6 +33,236 @@ struct KeyTraits {
         else return a == b;
     }
 };
+
+namespace detail {
+
+// An open-addressing hash set with linear probing: one allocation for the whole table instead
+// of one node per member. A control byte per slot says empty (0), deleted (1) or full (0x80 and
+// seven bits of the hash, so that most mismatches are refused without reading the member).
+// A lone member lives inside the set itself, as most request sets and directories hold one.
+// Pointers and iterators into it are invalidated by any insertion; erasing leaves the others
+// in place. Capacity is kept when members go (as a node table keeps its buckets); clear()
+// gives a large one back.
+template <class V, class Hash, class Eq>
+class FlatSet {
+public:
+    FlatSet() noexcept = default;
+    FlatSet(FlatSet const&) = delete;
+    FlatSet& operator=(FlatSet const&) = delete;
+    ~FlatSet() { release(); }
+
+    class const_iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = V;
+        using difference_type = std::ptrdiff_t;
+        using pointer = V const*;
+        using reference = V const&;
+
+        const_iterator() noexcept = default;
+        reference operator*() const noexcept { return set_->slots_[i_]; }
+        pointer operator->() const noexcept { return &set_->slots_[i_]; }
+        const_iterator& operator++() noexcept {
+            i_ = set_->nextFull(i_ + 1);
+            return *this;
+        }
+        const_iterator operator++(int) noexcept {
+            const_iterator old = *this;
+            ++*this;
+            return old;
+        }
+        friend bool operator==(const_iterator const& a, const_iterator const& b) noexcept { return a.i_ == b.i_; }
+
+    private:
+        friend class FlatSet;
+        const_iterator(FlatSet const* set, std::size_t i) noexcept : set_(set), i_(i) {}
+        FlatSet const* set_ = nullptr;
+        std::size_t i_ = 0;
+    };
+
+    std::size_t size() const noexcept { return size_; }
+    bool empty() const noexcept { return size_ == 0; }
+    const_iterator begin() const noexcept { return const_iterator(this, size_ ? nextFull(0) : cap_); }
+    const_iterator end() const noexcept { return const_iterator(this, cap_); }
+
+    // The slot holding a member equal to k, or npos.
+    static constexpr std::size_t npos = ~std::size_t(0);
+    template <class Key>
+    std::size_t find(Key const& k) const noexcept {
+        if (size_ == 0) return npos;
+        std::uint64_t const m = mix(Hash{}(k));
+        std::uint8_t const tag = tagOf(m);
+        std::size_t i = indexOf(m);
+        for (std::size_t probes = 0; probes < cap_; ++probes, i = (i + 1) & (cap_ - 1)) {
+            std::uint8_t const c = ctrl_[i];
+            if (c == kEmpty) return npos;
+            if (c == tag && Eq{}(slots_[i], k)) return i;
+        }
+        return npos;
+    }
+    V const& at(std::size_t i) const noexcept { return slots_[i]; }
+    V& at(std::size_t i) noexcept { return slots_[i]; }
+
+    // Adds v, known to be absent.
+    void insertNew(V v) {
+        if (cap_ == 0) useInline();
+        else if (cap_ == 1 ? size_ + deleted_ == 1 : (size_ + deleted_ + 1) * 4 > cap_ * 3) grow();
+        std::uint64_t const m = mix(Hash{}(v));
+        std::size_t i = indexOf(m);
+        while (ctrl_[i] >= 0x80) i = (i + 1) & (cap_ - 1);
+        if (ctrl_[i] == kDeleted) --deleted_;
+        ::new (static_cast<void*>(slots_ + i)) V(std::move(v));
+        ctrl_[i] = tagOf(m);
+        ++size_;
+    }
+
+    // Takes the member out of slot i and returns it.
+    V take(std::size_t i) noexcept {
+        V v = std::move(slots_[i]);
+        slots_[i].~V();
+        // A slot followed by an empty one ends no probe sequence: it may be empty again.
+        if (cap_ == 1 || ctrl_[(i + 1) & (cap_ - 1)] == kEmpty) {
+            ctrl_[i] = kEmpty;
+        } else {
+            ctrl_[i] = kDeleted;
+            ++deleted_;
+        }
+        if (--size_ == 0 && deleted_) {
+            std::memset(ctrl_, kEmpty, cap_);
+            deleted_ = 0;
+        }
+        return v;
+    }
+
+    void reserve(std::size_t n) {
+        if (n > 1 && n * 4 > cap_ * 3) rehash(capacityFor(n));
+    }
+    // A small table is kept for the next members: sets that fill and empty on every event
+    // (the notifiee's pending requests) would otherwise allocate each time.
+    void clear() noexcept {
+        if (cap_ > kKeptOnClear) {
+            release();
+            return;
+        }
+        destroyAll();
+        if (cap_) std::memset(ctrl_, kEmpty, cap_);
+        size_ = deleted_ = 0;
+    }
+
+private:
+    static constexpr std::uint8_t kEmpty = 0, kDeleted = 1;
+    static constexpr std::size_t kKeptOnClear = 64;
+
+    static std::uint64_t mix(std::size_t h) noexcept { return std::uint64_t(h) * 0x9e3779b97f4a7c15ull; }
+    static std::uint8_t tagOf(std::uint64_t m) noexcept { return std::uint8_t(0x80 | ((m >> 24) & 0x7f)); }
+    std::size_t indexOf(std::uint64_t m) const noexcept { return std::size_t(m >> shift_) & (cap_ - 1); }
+    static std::size_t capacityFor(std::size_t n) noexcept {
+        std::size_t cap = 2;
+        while (n * 4 > cap * 3) cap *= 2;
+        return cap;
+    }
+    std::size_t nextFull(std::size_t i) const noexcept {
+        while (i < cap_ && ctrl_[i] < 0x80) ++i;
+        return i;
+    }
+    void useInline() noexcept {
+        ctrl_ = &inlineCtrl_;
+        *ctrl_ = kEmpty;
+        slots_ = reinterpret_cast<V*>(inlineSlot_);
+        cap_ = 1;
+        shift_ = 63;
+    }
+    bool isInline() const noexcept { return ctrl_ == &inlineCtrl_; }
+    void grow() {
+        // Twice the room when live members need it; otherwise the same size, without the deleted.
+        rehash(cap_ == 1 || (size_ + 1) * 2 * 4 > cap_ * 3 ? capacityFor((size_ + 1) * 2) : cap_);
+    }
+    static std::size_t slotsOffset(std::size_t cap) noexcept {
+        return (cap + alignof(V) - 1) / alignof(V) * alignof(V);
+    }
+    void rehash(std::size_t cap) {
+        static_assert(alignof(V) <= alignof(std::max_align_t));
+        void* mem = std::malloc(slotsOffset(cap) + cap * sizeof(V));
+        if (!mem) throw std::bad_alloc();
+        auto* ctrl = static_cast<std::uint8_t*>(mem);
+        auto* slots = reinterpret_cast<V*>(ctrl + slotsOffset(cap));
+        std::memset(ctrl, kEmpty, cap);
+        unsigned shift = 64;
+        for (std::size_t c = cap; c > 1; c /= 2) --shift;
+        for (std::size_t i = 0; i < cap_; ++i) {
+            if (ctrl_[i] < 0x80) continue;
+            std::uint64_t const m = mix(Hash{}(slots_[i]));
+            std::size_t j = std::size_t(m >> shift);
+            while (ctrl[j] != kEmpty) j = (j + 1) & (cap - 1);
+            ::new (static_cast<void*>(slots + j)) V(std::move(slots_[i]));
+            slots_[i].~V();
+            ctrl[j] = tagOf(m);
+        }
+        if (!isInline()) std::free(ctrl_);
+        ctrl_ = ctrl;
+        slots_ = slots;
+        cap_ = cap;
+        shift_ = shift;
+        deleted_ = 0;
+    }
+    void destroyAll() noexcept {
+        if constexpr (!std::is_trivially_destructible_v<V>)
+            for (std::size_t i = 0; i < cap_; ++i)
+                if (ctrl_[i] >= 0x80) slots_[i].~V();
+    }
+    void release() noexcept {
+        destroyAll();
+        if (!isInline()) std::free(ctrl_);
+        ctrl_ = nullptr;
+        slots_ = nullptr;
+        cap_ = size_ = deleted_ = 0;
+        shift_ = 64;
+    }
+
+    std::uint8_t* ctrl_ = nullptr;
+    V* slots_ = nullptr;
+    std::size_t cap_ = 0;
+    std::size_t size_ = 0;
+    std::size_t deleted_ = 0;
+    unsigned shift_ = 64;
+    std::uint8_t inlineCtrl_ = kEmpty;
+    alignas(V) unsigned char inlineSlot_[sizeof(V)];
+};
+
+// Up to eight members on the stack, more on the heap: the visit of forEachSafe.
+template <class V>
+class Snapshot {
+public:
+    template <class It>
+    Snapshot(It first, It last, std::size_t n) {
+        if (n > kInline) {
+            heap_.reserve(n);
+            heap_.assign(first, last);
+            data_ = heap_.data();
+            size_ = heap_.size();
+            return;
+        }
+        data_ = reinterpret_cast<V*>(inline_);
+        for (; first != last; ++first) ::new (static_cast<void*>(data_ + size_++)) V(*first);
+    }
+    Snapshot(Snapshot const&) = delete;
+    Snapshot& operator=(Snapshot const&) = delete;
+    ~Snapshot() {
+        if (heap_.empty())
+            for (std::size_t i = 0; i < size_; ++i) data_[i].~V();
+    }
+    V const* begin() const noexcept { return data_; }
+    V const* end() const noexcept { return data_ + size_; }
+
+private:
+    static constexpr std::size_t kInline = 8;
+    alignas(V) unsigned char inline_[kInline * sizeof(V)];
+    std::vector<V> heap_;
+    V* data_ = nullptr;
+    std::size_t size_ = 0;
+};
+
+} // namespace detail
 
 // The key a member is stored under: the member itself (sets), or what `KeyOf` takes from it.
 struct SelfKey {
@@ -64,10 +299,10 @@ public:
     void reserve(std::size_t n) { members_.reserve(n); }
 
     V const* find(K const& k) const noexcept {
-        auto it = members_.find(k);
-        return it == members_.end() ? nullptr : &*it;
+        std::size_t const i = members_.find(k);
+        return i == Members::npos ? nullptr : &members_.at(i);
     }
-    bool has(K const& k) const noexcept { return members_.find(k) != members_.end(); }
+    bool has(K const& k) const noexcept { return members_.find(k) != Members::npos; }
     // The member stored under k, or a null (default) value.
     V get(K const& k) const {
         V const* v = find(k);
@@ -77,35 +312,32 @@ public:
     V set(V v) {
         if constexpr (IsPtr<V>::value)
             if (!v) throw NullArgumentException(attribute_);
-        auto it = members_.find(keyOf(v));
-        if (it == members_.end()) {
-            members_.insert(v);
+        std::size_t const i = members_.find(keyOf(v));
+        if (i == Members::npos) {
+            members_.insertNew(v);
             notify(v, nullptr);
             return v;
         }
         if constexpr (kIsSet) {
-            return *it;
+            return members_.at(i);
         } else {
-            if (*it == v) return v;
-            auto node = members_.extract(it);
-            V old = std::move(node.value());
-            node.value() = v;
-            members_.insert(std::move(node));
+            if (members_.at(i) == v) return v;
+            V old = std::exchange(members_.at(i), v);
             notify(v, &old);
             return v;
         }
     }
 
     auto del(K const& k) {
-        auto it = members_.find(k);
+        std::size_t const i = members_.find(k);
         if constexpr (kIsSet) {
-            if (it == members_.end()) return false;
-            V old = std::move(members_.extract(it).value());
+            if (i == Members::npos) return false;
+            V old = members_.take(i);
             notify(old, &old);
             return true;
         } else {
-            if (it == members_.end()) return V();
-            V old = std::move(members_.extract(it).value());
+            if (i == Members::npos) return V();
+            V old = members_.take(i);
             notify(old, &old);
             return old;
         }
@@ -122,7 +354,7 @@ public:
     // Visits a snapshot of the members, skipping those that are gone or replaced by then.
     template <class F>
     void forEachSafe(F&& f) const {
-        std::vector<V> snapshot(members_.begin(), members_.end());
+        detail::Snapshot<V> const snapshot(members_.begin(), members_.end(), members_.size());
         for (V const& v : snapshot) {
             V const* now = find(keyOf(v));
             if (now && *now == v) f(v);
@@ -153,7 +385,8 @@ private:
     char const* attribute_;
     AttributeId id_;
     Lumo::Publisher* publisher_;
-    std::unordered_set<V, Hash, Eq> members_;
+    using Members = detail::FlatSet<V, Hash, Eq>;
+    Members members_;
 };
 
 // The key of a counted member, taken from the object: Collection<K, Ptr<T>, MemberKey<&T::key>>.
