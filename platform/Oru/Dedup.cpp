@@ -45,30 +45,24 @@ DedupHashTableUnorderedSet::DedupHashTableUnorderedSet(bool notifyRemovals) : no
 DedupHashTableUnorderedSet::~DedupHashTableUnorderedSet() {
     hasNotificationActiveIs(false);
     // Clients may hold handles longer than the table: they must not reach back into it.
-    for (auto& [hash, handle] : handles_) handle->setDedupHashTable(nullptr);
+    for (DedupHandleBase* handle : handles_) handle->setDedupHashTable(nullptr);
 }
 
 Lumo::Ptr<DedupHandleBase> DedupHashTableUnorderedSet::findOrDedup(DedupContentHandle const& content,
                                                                    std::uint32_t hash, Allocator allocator) {
-    auto [first, last] = handles_.equal_range(hash);
-    for (auto it = first; it != last; ++it)
-        if (it->second->compareByContent(content)) return Lumo::Ptr<DedupHandleBase>(it->second);
+    std::size_t const held = handles_.find(ContentKey{hash, &content});
+    if (held != handles_.npos) return Lumo::Ptr<DedupHandleBase>(handles_.at(held));
     Lumo::Ptr<DedupHandleBase> handle = allocator(content);
     handle->setDedupHashTable(this);
     handle->dedupStateIs(DedupHandleState::deduped);
-    handles_.emplace(hash, handle.ptr());
+    handles_.insertNew(handle.ptr());
     notifyInsert(handle);
     return handle;
 }
 
 void DedupHashTableUnorderedSet::handleZeroReferences(DedupHandleBase* handle) noexcept {
-    auto [first, last] = handles_.equal_range(handle->hash());
-    for (auto it = first; it != last; ++it) {
-        if (it->second == handle) {
-            handles_.erase(it);
-            break;
-        }
-    }
+    if (std::size_t const i = handles_.find(static_cast<DedupHandleBase const*>(handle)); i != handles_.npos)
+        handles_.take(i);
     handle->setDedupHashTable(nullptr);
     bool const tracked = handle->isDeduped();
     handle->dedupStateIs(DedupHandleState::removed);

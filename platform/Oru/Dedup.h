@@ -3,9 +3,9 @@
 #pragma once
 
 #include <cstdint>
-#include <unordered_map>
 
 #include "Lumo/Ptr.h"
+#include "Wex/Collection.h"
 #include "Wex/PtrInterface.h"
 
 namespace Oru {
@@ -114,8 +114,25 @@ protected:
     void handleZeroReferences(DedupHandleBase* handle) noexcept override;
 
 private:
+    // A look-up by content: the hash given to findOrDedup and what the handle must equal.
+    struct ContentKey {
+        std::uint32_t hash;
+        DedupContentHandle const* content;
+    };
+    struct HandleHash {
+        std::size_t operator()(DedupHandleBase const* h) const noexcept { return h->hash(); }
+        std::size_t operator()(ContentKey const& k) const noexcept { return k.hash; }
+    };
+    struct HandleEq {
+        bool operator()(DedupHandleBase const* a, DedupHandleBase const* b) const noexcept { return a == b; }
+        bool operator()(DedupHandleBase const* a, ContentKey const& k) const noexcept {
+            return a->compareByContent(*k.content);
+        }
+    };
+
     bool notifyRemovals_;
-    std::unordered_multimap<std::uint32_t, DedupHandleBase*> handles_;
+    // Plain pointers in one open-addressing table; equal hashes simply probe on.
+    Wex::detail::FlatSet<DedupHandleBase*, HandleHash, HandleEq> handles_;
 };
 
 } // namespace Oru

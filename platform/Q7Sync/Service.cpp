@@ -49,17 +49,16 @@ void Service::callLogIs(bool on, std::size_t capacity) {
 Lumo::Ptr<SyncStatus> Service::subscribe(Lumo::String const& remoteUri, Lumo::String const& localUri,
                                          WexUtils::SyncRequestFlags flags) {
     if (callLog_) record("subscribe", fmt::format("{}, {}, {}", remoteUri, localUri, flags));
-    auto it = subscriptions_.find(remoteUri);
-    if (it != subscriptions_.end()) return it->second;
+    if (Lumo::Ptr<SyncStatus> const* held = subscriptions_.find(remoteUri)) return *held;
     Lumo::Ptr<SyncStatus> status(new SyncStatus(remoteUri, localUri, flags));
     status->hasNotificationActiveIs(true);
-    subscriptions_.emplace(remoteUri, status);
+    subscriptions_.set(status);
     return status;
 }
 
 void Service::unsubscribe(Lumo::String const& remoteUri) {
     if (callLog_) record("unsubscribe", remoteUri.str());
-    subscriptions_.erase(remoteUri);
+    subscriptions_.del(remoteUri);
 }
 
 bool Service::syncStatusIs(std::string_view remoteUri, Q7Serdes::WexUtils::SyncStatusEnum status,
@@ -73,13 +72,12 @@ bool Service::syncStatusIs(std::string_view remoteUri, Q7Serdes::WexUtils::SyncS
 }
 
 Lumo::Ptr<SyncStatus> Service::syncStatus(std::string_view remoteUri) const {
-    auto it = subscriptions_.find(Lumo::String(remoteUri));
-    return it == subscriptions_.end() ? nullptr : it->second;
+    return subscriptions_.get(Lumo::String(remoteUri));
 }
 
 std::vector<std::string> Service::subscribedUris() const {
     std::vector<std::string> out;
-    for (auto const& [uri, status] : subscriptions_) out.push_back(uri.str());
+    for (auto const& status : subscriptions_) out.push_back(status->uri().str());
     return out;
 }
 
@@ -159,7 +157,7 @@ void Service::reset() {
     for (auto& [key, ep] : endpoints_)
         if (ep.fd >= 0) ::close(ep.fd);
     endpoints_.clear();
-    subscriptions_.clear();
+    subscriptions_.delAll();
     calls_.clear();
     listenReturnsNoStatus_ = false;
 }

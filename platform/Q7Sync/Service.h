@@ -12,6 +12,7 @@
 #include "Lumo/String.h"
 #include "Q7Serdes/Status.h"
 #include "Q7Sync/Flags.h"
+#include "Wex/Collection.h"
 
 namespace Q7Sync {
 
@@ -73,7 +74,10 @@ private:
     void record(char const* operation, std::string arguments);
     static std::string endpointKey(std::string const& hostAddr, std::uint16_t port);
 
-    std::unordered_map<Lumo::String, Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus>> subscriptions_;
+    // The statuses keyed by their own uri: one open-addressing table, no node per subscription.
+    Wex::Collection<Lumo::String, Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus>,
+                    Wex::MemberKey<&Q7Serdes::WexUtils::SyncStatus::uri>>
+        subscriptions_{"subscriptions", 0};
     std::unordered_map<std::string, Endpoint> endpoints_;
     std::deque<Call> calls_;
     bool callLog_ = false;
