@@ -10,6 +10,23 @@
 
 namespace Lumo {
 
+void Publisher::Subscribers::push_back(Subscriber* s) {
+    if (size_ == cap_) {
+        std::uint32_t const cap = cap_ * 4;
+        auto** heap = new Subscriber*[cap];
+        std::copy(begin(), end(), heap);
+        if (cap_ > 1) delete[] heap_;
+        heap_ = heap;
+        cap_ = cap;
+    }
+    begin()[size_++] = s;
+}
+
+void Publisher::Subscribers::erase(Subscriber** it) noexcept {
+    std::copy(it + 1, end(), it);
+    --size_;
+}
+
 Publisher::~Publisher() {
     for (Delivery* d = delivery_; d; d = d->outer) d->publisherGone = true;
 #ifndef NDEBUG
@@ -70,7 +87,7 @@ void Publisher::publishChangeRecursive(AttributeId attribute, void const* key, v
 }
 
 void Publisher::compact() const noexcept {
-    subscribers_.erase(std::remove(subscribers_.begin(), subscribers_.end(), nullptr), subscribers_.end());
+    subscribers_.eraseFrom(std::remove(subscribers_.begin(), subscribers_.end(), nullptr));
     holes_ = false;
 }
 

@@ -1,8 +1,8 @@
 // Lumo::Publisher: delivers an object's attribute changes synchronously to its subscribers.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace Lumo {
 
@@ -53,7 +53,35 @@ private:
     };
     void compact() const noexcept;
 
-    mutable std::vector<Subscriber*> subscribers_;
+    // Most publishers have no subscriber or one: the first lives inline, without an allocation.
+    class Subscribers {
+    public:
+        Subscribers() noexcept : one_(nullptr) {}
+        Subscribers(Subscribers const&) = delete;
+        Subscribers& operator=(Subscribers const&) = delete;
+        ~Subscribers() {
+            if (cap_ > 1) delete[] heap_;
+        }
+        std::size_t size() const noexcept { return size_; }
+        bool empty() const noexcept { return size_ == 0; }
+        Subscriber** begin() noexcept { return cap_ > 1 ? heap_ : &one_; }
+        Subscriber** end() noexcept { return begin() + size_; }
+        Subscriber* const* begin() const noexcept { return cap_ > 1 ? heap_ : &one_; }
+        Subscriber* const* end() const noexcept { return begin() + size_; }
+        Subscriber*& operator[](std::size_t i) noexcept { return begin()[i]; }
+        void push_back(Subscriber* s);
+        void erase(Subscriber** it) noexcept;
+        void eraseFrom(Subscriber** it) noexcept { size_ = std::uint32_t(it - begin()); }
+
+    private:
+        union {
+            Subscriber* one_;
+            Subscriber** heap_;
+        };
+        std::uint32_t size_ = 0;
+        std::uint32_t cap_ = 1;
+    };
+    mutable Subscribers subscribers_;
     mutable Delivery* delivery_ = nullptr;
     mutable bool holes_ = false;
 };

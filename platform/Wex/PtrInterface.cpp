@@ -38,7 +38,7 @@ long PtrInterface::liveObjects() noexcept {
 #endif
 }
 
-void PtrInterface::newRef() const noexcept {
+void PtrInterface::newRefSlow() const noexcept {
 #ifdef WEX_LIFECYCLE_CHECKS
     if (dying_) lifecycleFailure("count taken during destruction", this);
 #endif
@@ -46,7 +46,7 @@ void PtrInterface::newRef() const noexcept {
     else ++refs_;
 }
 
-void PtrInterface::deleteRef() const noexcept {
+void PtrInterface::deleteRefSlow() const noexcept {
 #ifdef WEX_LIFECYCLE_CHECKS
     if (refs_ == 0 && !atomicCount_) lifecycleFailure("count underflow", this);
 #endif

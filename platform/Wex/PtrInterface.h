@@ -19,8 +19,22 @@ public:
     PtrInterface& operator=(PtrInterface const&) = delete;
 
     std::uint32_t references() const noexcept { return refs_; }
-    void newRef() const noexcept;
-    void deleteRef() const noexcept;
+#ifdef NDEBUG
+    // The plain count inline: every counted pointer copy comes here.
+    void newRef() const noexcept {
+        if (atomicCount_) newRefSlow();
+        else ++refs_;
+    }
+    void deleteRef() const noexcept {
+        if (!atomicCount_ && refs_ > 1) --refs_;
+        else deleteRefSlow();
+    }
+#else
+    void newRef() const noexcept { newRefSlow(); }
+    void deleteRef() const noexcept { deleteRefSlow(); }
+#endif
+    void newRefSlow() const noexcept;
+    void deleteRefSlow() const noexcept;
 
     bool notificationActive() const noexcept { return notificationActive_; }
     // Creators switch notification on before handing out the first pointer; destructors

@@ -13,6 +13,7 @@ struct Registry {
     std::vector<WexModule*> modules;
     std::map<std::string, WexType const*, std::less<>> byName;
     std::uint64_t nextSequence = 1;
+    std::uint64_t changes = 0;  // bumped by every registration, so that look-up caches go stale
 };
 Registry& registry() {
     static Registry r;
@@ -100,6 +101,7 @@ void wexModuleIs(WexModule& module) {
     Registry& r = registry();
     if (std::find(r.modules.begin(), r.modules.end(), &module) != r.modules.end()) return;
     module.sequence_ = r.nextSequence++;
+    ++r.changes;
     r.modules.push_back(&module);
     for (std::size_t i = 0; i < module.types_.size(); ++i) {
         r.byName[std::string(module.types_[i].name())] = &module.types_[i];
@@ -112,6 +114,7 @@ void wexModuleDel(WexModule& module) noexcept {
     auto it = std::find(r.modules.begin(), r.modules.end(), &module);
     if (it == r.modules.end()) return;
     r.modules.erase(it);
+    ++r.changes;
     for (std::size_t i = 0; i < module.types_.size(); ++i) {
         auto n = r.byName.find(std::string(module.types_[i].name()));
         if (n != r.byName.end() && n->second == &module.types_[i]) r.byName.erase(n);
@@ -125,9 +128,26 @@ std::vector<WexModule const*> wexModules() {
 }
 
 WexType const* typeNode(std::string_view name) noexcept {
-    auto const& byName = registry().byName;
-    auto it = byName.find(name);
-    return it == byName.end() ? nullptr : it->second;
+    Registry const& r = registry();
+    // Directories make every container and agent directory by its type's name: the same few
+    // names again and again, so the last ones found are kept.
+    struct Found {
+        std::string_view name;  // the registered type's own name
+        WexType const* type = nullptr;
+    };
+    struct Cache {
+        std::uint64_t changes = ~std::uint64_t(0);
+        Found found[4];
+        unsigned next = 0;
+    };
+    thread_local Cache cache;
+    if (cache.changes != r.changes) cache = Cache{r.changes, {}, 0};
+    for (Found const& f : cache.found)
+        if (f.type && f.name == name) return f.type;
+    auto it = r.byName.find(name);
+    if (it == r.byName.end()) return nullptr;
+    cache.found[cache.next++ % 4] = Found{it->second->name(), it->second};
+    return it->second;
 }
 
 WexModuleRegistrar::WexModuleRegistrar(std::string name, void (*build)(WexModule&))
