@@ -1,6 +1,8 @@
 // PathSubscribeConfig: derivation, comparison, hashing, text form; and the request types.
 #include "KelLib/Q7SyncSubscribeRequest.h"
 
+#include <array>
+#include <cstring>
 #include <ostream>
 #include <utility>
 
@@ -16,13 +18,112 @@ namespace {
 constexpr char kTypeName[] = "Kel::Q7Sync::PathSubscribeConfig";
 constexpr char kSyncAttribute[] = "syncAttribute";
 
+// The parts joined into one string, built on the stack unless they are long.
+template <std::size_t N>
+Lumo::String concat(std::array<std::string_view, N> const& parts) {
+    std::size_t total = 0;
+    for (std::string_view p : parts) total += p.size();
+    char stack[256];
+    std::string heap;
+    char* out = stack;
+    if (total > sizeof stack) {
+        heap.resize(total);
+        out = heap.data();
+    }
+    char* w = out;
+    for (std::string_view p : parts) {
+        std::memcpy(w, p.data(), p.size());
+        w += p.size();
+    }
+    return Lumo::String(std::string_view(out, total));
+}
+
+char* appendDecimal(char* w, std::uint32_t v) {
+    char digits[10];
+    char* p = digits + sizeof digits;
+    do {
+        *--p = char('0' + v % 10);
+        v /= 10;
+    } while (v);
+    std::size_t const n = std::size_t(digits + sizeof digits - p);
+    std::memcpy(w, p, n);
+    return w + n;
+}
+
+// inet_ntop's IPv6 text (lower-case hex words, the first longest run of two or more zero words
+// as "::") without its sprintf per word; addresses that it writes with an IPv4 tail (five or six
+// leading zero words) are left to it.
+char* appendIp6(char* w, Kivu::IpGenAddr const& addr) {
+    auto const& b = addr.bytes();
+    std::uint16_t words[8];
+    for (int i = 0; i < 8; ++i) words[i] = std::uint16_t(b[2 * i] << 8 | b[2 * i + 1]);
+    int bestBase = -1, bestLen = 0;
+    for (int i = 0; i < 8;) {
+        if (words[i] != 0) {
+            ++i;
+            continue;
+        }
+        int j = i;
+        while (j < 8 && words[j] == 0) ++j;
+        if (j - i >= 2 && j - i > bestLen) {
+            bestBase = i;
+            bestLen = j - i;
+        }
+        i = j;
+    }
+    if (bestBase == 0 && (bestLen == 6 || (bestLen == 5 && words[5] == 0xffff)) ) {
+        std::string const text = addr.stringValue();
+        std::memcpy(w, text.data(), text.size());
+        return w + text.size();
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    for (int i = 0; i < 8; ++i) {
+        if (i >= bestBase && i < bestBase + bestLen) {
+            if (i == bestBase) *w++ = ':';
+            continue;
+        }
+        if (i) *w++ = ':';
+        unsigned const v = words[i];
+        bool started = false;
+        for (int shift = 12; shift >= 0; shift -= 4) {
+            unsigned const d = (v >> shift) & 0xf;
+            if (d || started || shift == 0) {
+                *w++ = kHex[d];
+                started = true;
+            }
+        }
+    }
+    if (bestBase >= 0 && bestBase + bestLen == 8) *w++ = ':';
+    return w;
+}
+
+// "<address>:<port>" into buf, the address as the operating system writes it (inet_ntop's text).
+std::string_view formatAgentKey(char (&buf)[64], Kivu::IpGenAddr const& addr, std::uint32_t port) {
+    char* w = buf;
+    if (addr.family() == Kivu::IpGenAddr::Family::ip4) {
+        for (int i = 0; i < 4; ++i) {
+            if (i) *w++ = '.';
+            w = appendDecimal(w, addr.bytes()[i]);
+        }
+    } else {
+        w = appendIp6(w, addr);
+    }
+    *w++ = ':';
+    w = appendDecimal(w, port);
+    return std::string_view(buf, std::size_t(w - buf));
+}
+
 PathSubscribeConfig const& defaultConfig() {
     static PathSubscribeConfig const value;
     return value;
 }
 } // namespace
 
-PathSubscribeConfig::PathSubscribeConfig() noexcept : hash0_(computeHash(0)) {}
+// Every container starts with the default value: its hash is the same each time.
+PathSubscribeConfig::PathSubscribeConfig() noexcept {
+    static std::uint32_t const defaultHash = computeHash(0);
+    hash0_ = defaultHash;
+}
 
 PathSubscribeConfig::PathSubscribeConfig(Kivu::IpGenAddr remoteAddr, std::uint32_t remotePort, Lumo::String remotePath,
                                          Lumo::String syncContainerKey, Wex::WexType const* syncContainerType,
@@ -40,10 +141,13 @@ void PathSubscribeConfig::handleInitialized() {
         throw Wex::NewEntityArgsException(kTypeName, "syncContainerType",
                                           fmt::format("must be Kel::Q7Sync::SyncContainer or derived from it, not {}",
                                                       syncContainerType_ ? syncContainerType_->name() : "no type"));
-    remoteAgentKey_ = Lumo::String(fmt::format("{}:{}", remoteAddr_.stringValue(), remotePort_));
-    localUri_ = Lumo::String(fmt::format("/q7/remote/{}/{}/{}", remoteAgentKey_, syncContainerKey_, kSyncAttribute));
-    remoteUri_ = remotePath_.startsWith("/") ? Lumo::String(fmt::format("{}{}", remoteAgentKey_, remotePath_))
-                                             : Lumo::String(fmt::format("{}/{}", remoteAgentKey_, remotePath_));
+    // Made by hand on the stack: this runs for every dedup, hits included, and the generic
+    // formatters (and inet_ntop's sprintf for IPv4) cost more than the rest of a hit.
+    char agentKey[64];
+    remoteAgentKey_ = Lumo::String(formatAgentKey(agentKey, remoteAddr_, remotePort_));
+    std::string_view const key = remoteAgentKey_.view();
+    localUri_ = concat<6>({"/q7/remote/", key, "/", syncContainerKey_.view(), "/", kSyncAttribute});
+    remoteUri_ = concat<3>({key, remotePath_.startsWith("/") ? "" : "/", remotePath_.view()});
 }
 
 PathSubscribeConfig PathSubscribeConfig::createWithContainerTypeString(Kivu::IpGenAddr remoteAddr,
@@ -70,12 +174,7 @@ PathSubscribeConfig PathSubscribeConfig::createWriteSyncConfig(Kivu::IpGenAddr r
                                syncContainerType, flags);
 }
 
-bool PathSubscribeConfig::isEq(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
-    return a.hash0_ == b.hash0_ && a.remoteAddr_ == b.remoteAddr_ && a.remotePort_ == b.remotePort_ &&
-           a.remotePath_ == b.remotePath_ && a.syncContainerKey_ == b.syncContainerKey_ &&
-           a.syncContainerType_ == b.syncContainerType_ && a.flags_ == b.flags_ &&
-           a.remoteAgentKey_ == b.remoteAgentKey_ && a.localUri_ == b.localUri_ && a.remoteUri_ == b.remoteUri_;
-}
+static_assert(sizeof(Kivu::IpGenAddr) == 17, "isEq compares addresses as their bytes: no padding");
 
 bool operator<(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
     if (!Kivu::IpGenAddr::isEq(a.remoteAddr_, b.remoteAddr_)) return a.remoteAddr_ < b.remoteAddr_;
@@ -93,10 +192,11 @@ std::uint32_t PathSubscribeConfig::computeHash(std::uint32_t seed) const noexcep
     Wex::Hash h(seed);
     h.hashMix(Kivu::Ip6Addr::hash(remoteAddr_));
     h.hashMix(remotePort_);
-    h.hashMix(remotePath_.view()).hashMix(syncContainerKey_.view());
+    // The strings by the hashes they keep: the text is not read again.
+    h.hashMix(remotePath_.hash()).hashMix(syncContainerKey_.hash());
     h.hashMix(reinterpret_cast<std::uint64_t>(syncContainerType_));
     h.hashMix(std::uint32_t(std::uint8_t(flags_)));
-    h.hashMix(remoteAgentKey_.view()).hashMix(localUri_.view()).hashMix(remoteUri_.view());
+    h.hashMix(remoteAgentKey_.hash()).hashMix(localUri_.hash()).hashMix(remoteUri_.hash());
     return h.result();
 }
 

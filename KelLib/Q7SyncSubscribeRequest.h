@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -53,8 +54,16 @@ public:
     Lumo::String const& localUri() const noexcept { return localUri_; }
     Lumo::String const& remoteUri() const noexcept { return remoteUri_; }
 
-    // All nine fields equal; the container type by identity.
-    static bool isEq(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept;
+    // All nine fields equal; the container type by identity. Inline: every collection keyed by
+    // a subscription compares with it, and copies share their strings, so most checks are
+    // pointer compares.
+    static bool isEq(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
+        return a.hash0_ == b.hash0_ && a.remotePort_ == b.remotePort_ && a.flags_ == b.flags_ &&
+               a.syncContainerType_ == b.syncContainerType_ &&
+               std::memcmp(&a.remoteAddr_, &b.remoteAddr_, sizeof(Kivu::IpGenAddr)) == 0 &&
+               a.remotePath_ == b.remotePath_ && a.syncContainerKey_ == b.syncContainerKey_ &&
+               a.remoteAgentKey_ == b.remoteAgentKey_ && a.localUri_ == b.localUri_ && a.remoteUri_ == b.remoteUri_;
+    }
     friend bool operator==(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept { return isEq(a, b); }
     // Field by field in declaration order; the first field that differs decides.
     friend bool operator<(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept;
