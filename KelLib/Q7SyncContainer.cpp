@@ -1,6 +1,7 @@
 // SyncContainer, SyncContainerHandler and SyncContainerHandlerRegistry, with their type tables.
 #include "KelLib/Q7SyncContainer.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <utility>
 
@@ -94,6 +95,46 @@ Lumo::Ptr<SyncContainerHandlerRegistry> syncContainerHandlerRegistryFactory() {
 }
 
 SyncContainerHandlerRegistry::~SyncContainerHandlerRegistry() { hasNotificationActiveIs(false); }
+
+void SyncContainerHandlerRegistry::syncContainerHandlerIs(Lumo::Ptr<SyncContainerHandler const> const& handler) {
+    if (!handler) throw Wex::NullArgumentException("syncContainerHandler");
+    refuseIfLocked(handler->syncContainerKey());
+    syncContainerHandler_.set(handler);
+}
+
+Lumo::Ptr<SyncContainerHandler const> SyncContainerHandlerRegistry::syncContainerHandlerDel(Lumo::String const& key) {
+    refuseIfLocked(key);
+    return syncContainerHandler_.del(key);
+}
+
+void SyncContainerHandlerRegistry::syncContainerHandlerDelAll() {
+    if (!locks_.empty()) refuseIfLocked(locks_.front().first);
+    syncContainerHandler_.delAll();
+}
+
+bool SyncContainerHandlerRegistry::syncContainerHandlerLocked(Lumo::String const& key) const noexcept {
+    return std::any_of(locks_.begin(), locks_.end(), [&](auto const& lock) { return lock.first == key; });
+}
+
+void SyncContainerHandlerRegistry::syncContainerHandlerLockIs(Lumo::String const& key, bool locked) const {
+    auto it = std::find_if(locks_.begin(), locks_.end(), [&](auto const& lock) { return lock.first == key; });
+    if (locked) {
+        if (it == locks_.end()) locks_.emplace_back(key, 1u);
+        else ++it->second;
+    } else if (it != locks_.end() && --it->second == 0) {
+        locks_.erase(it);
+    }
+}
+
+// The handler being replaced or removed would miss containers it holds, or the one coming in
+// get some twice, if the replay under way were overtaken by another for the same key.
+void SyncContainerHandlerRegistry::refuseIfLocked(Lumo::String const& key) const {
+    if (syncContainerHandlerLocked(key))
+        throw Wex::Exception("syncContainerHandler",
+                             fmt::format("{}: the handler of '{}' cannot change while the containers of '{}' are being "
+                                         "handed to its handlers (a call from inside containerIs or containerDel)",
+                                         kRegistryTypeName, key, key));
+}
 
 Wex::WexType const* SyncContainerHandlerRegistry::fwkType() const noexcept {
     return Wex::wexTypeOf<SyncContainerHandlerRegistry>();

@@ -2,6 +2,9 @@
 // client's hook for the containers of one key; SyncContainerHandlerRegistry, the handlers by key.
 #pragma once
 
+#include <utility>
+#include <vector>
+
 #include "KelLib/Q7SyncSubscribeRequest.h"
 #include "Kivu/IpGenAddr.h"
 #include "Lumo/Ptr.h"
@@ -90,12 +93,17 @@ public:
     Lumo::Ptr<SyncContainerHandler const> syncContainerHandler(Lumo::String const& key) const {
         return syncContainerHandler_.get(key);
     }
-    // Registers handler under its own key; refuses null (Wex::NullArgumentException).
-    void syncContainerHandlerIs(Lumo::Ptr<SyncContainerHandler const> const& handler) { syncContainerHandler_.set(handler); }
-    Lumo::Ptr<SyncContainerHandler const> syncContainerHandlerDel(Lumo::String const& key) {
-        return syncContainerHandler_.del(key);
-    }
-    void syncContainerHandlerDelAll() { syncContainerHandler_.delAll(); }
+    // Registers handler under its own key; refuses null (Wex::NullArgumentException) and a
+    // locked key (Wex::Exception of "syncContainerHandler"), changing nothing.
+    void syncContainerHandlerIs(Lumo::Ptr<SyncContainerHandler const> const& handler);
+    // Refuses a locked key as syncContainerHandlerIs does; DelAll refuses while any key is locked.
+    Lumo::Ptr<SyncContainerHandler const> syncContainerHandlerDel(Lumo::String const& key);
+    void syncContainerHandlerDelAll();
+
+    // A key is locked while a dispatch hands its containers from one handler to the next: a
+    // handler called then cannot change that key's registration. Locks are counted.
+    bool syncContainerHandlerLocked(Lumo::String const& key) const noexcept;
+    void syncContainerHandlerLockIs(Lumo::String const& key, bool locked) const;
 
     Lumo::Publisher* notifieeList() const noexcept override { return &publisher_; }
     Wex::WexType const* fwkType() const noexcept override;
@@ -105,8 +113,11 @@ protected:
     ~SyncContainerHandlerRegistry() override;
 
 private:
+    void refuseIfLocked(Lumo::String const& key) const;
+
     mutable Lumo::Publisher publisher_;
     Handlers syncContainerHandler_{"syncContainerHandler", kSyncContainerHandler, &publisher_};
+    mutable std::vector<std::pair<Lumo::String, unsigned>> locks_;  // few: one per replay running
 };
 
 Lumo::Ptr<SyncContainerHandlerRegistry> syncContainerHandlerRegistryFactory();

@@ -1,6 +1,7 @@
 // The subscription reactors of the module.
 #include "KelLib/Q7SyncSubscribeSm.h"
 
+#include <algorithm>
 #include <exception>
 #include <string>
 #include <utility>
@@ -199,7 +200,18 @@ void PathSubscribeRequestNotifiee::handleRequest(RequestLtn const& requestLtn) c
     std::size_t const requestCountForRemoteUri = remoteSet ? remoteSet->requests() : 0;
     Lumo::Ptr<PathSubscribeRequestSetForUri> const localSet = requestSetForLocalUri_.get(config.localUri());
     std::size_t const requestCountForLocalUri = localSet ? localSet->requests() : 0;
-    if (requestCountForLocalUri == 1 && requestCountForRemoteUri == 1) {
+    // A request a handler released while it was still pending from an outer event has left its
+    // sets, which may now hold others: the decision is that of the request filed for the same
+    // configuration in its place, if a handler asked for it again, and otherwise to remove it.
+    RequestLtn filed = requestLtn;
+    if (!remoteSet || !remoteSet->requestHas(filed)) {
+        filed = nullptr;
+        if (remoteSet)
+            for (RequestLtn const& ltn : remoteSet->request())
+                if (ltn->requestRawPtr()->pathSubscribeConfig() == config) filed = ltn;
+    }
+    if (filed && (!localSet || !localSet->requestHas(filed))) filed = nullptr;
+    if (requestCountForLocalUri == 1 && requestCountForRemoteUri == 1 && filed) {
         WEX_TRACE(traceHandle(), 8, kNotifiee, "Add subscribe config for ltn {} with remoteUri {}", requestLtn,
                   config.remoteUri());
         effectiveSubscribeConfig_->pathSubscribeConfigIs(config);
@@ -345,6 +357,15 @@ void SyncContainerSm::handlePathSubscribeConfig() {
 
 void SyncContainerSm::addContainer(PathSubscribeConfig const& config) {
     WEX_TRACE(traceHandle(), 1, "SyncContainerSm", "localUri {}", config.localUri());
+    // The place may still hold the container of a subscription that ended while this one began
+    // (a handler asked for this one from inside the other's withdrawal): that one goes first.
+    if (auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey())))
+        if (auto held = Lumo::ptr_cast<SyncContainer>(agentDir->entityPtr(config.syncContainerKey()))) {
+            PathSubscribeConfig const heldConfig = held->pathSubscribeConfig();
+            if (heldConfig && !(heldConfig == config) && !syncContainerStatus_->syncContainer().has(heldConfig) &&
+                !(subscribeConfig_ && subscribeConfig_->pathSubscribeConfigHas(heldConfig)))
+                removeContainer(heldConfig);
+        }
     // Runs inside notifications: whatever the directory or the container type refuses is
     // traced, and the subscription goes without a container.
     Lumo::Ptr<SyncContainer> container;
@@ -369,11 +390,13 @@ void SyncContainerSm::addContainer(PathSubscribeConfig const& config) {
 
 void SyncContainerSm::removeContainer(PathSubscribeConfig const& config) {
     WEX_TRACE(traceHandle(), 1, "SyncContainerSm", "localUri {}", config.localUri());
+    // Found before the record goes: handlers told of its removal may ask for the subscription
+    // again or end it once more.
+    auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey()));
+    auto syncContainer = agentDir ? Lumo::ptr_cast<SyncContainer>(agentDir->entityPtr(config.syncContainerKey())) : nullptr;
     // The record goes first: its watchers unsubscribe and withdraw the container while it is
     // still in its directory.
     syncContainerStatus_->syncContainerDel(config);
-    auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey()));
-    auto syncContainer = agentDir ? Lumo::ptr_cast<SyncContainer>(agentDir->entityPtr(config.syncContainerKey())) : nullptr;
     if (nullptr == syncContainer) {
         WEX_TRACE(traceHandle(), 0, "SyncContainerSm",
                   "check failed: nullptr != syncContainer && \"A container must have been created before\" (localUri {})",
@@ -386,6 +409,10 @@ void SyncContainerSm::removeContainer(PathSubscribeConfig const& config) {
                   syncContainer->pathSubscribeConfig().remoteUri());
         return;
     }
+    // Asked for again meanwhile, it keeps its container; ended once more, it has none left.
+    if (syncContainerStatus_->syncContainer().has(config)) return;
+    agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey()));
+    if (!agentDir || agentDir->entityPtr(config.syncContainerKey()) != syncContainer) return;
     agentDir->deleteEntity(config.syncContainerKey());
     agentDirDelIfEmpty(config.remoteAgentKey());
 }
@@ -478,6 +505,15 @@ void SubscribeSm::handlePathSubscribeConfig() {
 }
 
 void SubscribeSm::subscribe(PathSubscribeConfig const& config) {
+    // The remote URI may still be subscribed for a subscription that ended while this one
+    // began (a handler asked for this one from inside the other's withdrawal, before this
+    // reactor heard of the end): that one is unsubscribed first, so the service starts afresh.
+    if (wexQ7SyncStatus_.has(config.remoteUri()) && !subscribeStatus_->pathSubscribeStatus().has(config)) {
+        std::vector<PathSubscribeConfig> ended;
+        for (Lumo::Ptr<PathSubscribeStatus> const& entry : subscribeStatus_->pathSubscribeStatus())
+            if (entry->pathSubscribeConfig().remoteUri() == config.remoteUri()) ended.push_back(entry->pathSubscribeConfig());
+        for (PathSubscribeConfig const& other : ended) unsubscribe(other);
+    }
     WEX_TRACE(traceHandle(), 1, "SubscribeSm", "remoteUri={}, localUri={}, flags={}", config.remoteUri(),
               config.localUri(), config.flags());
     Lumo::Ptr<SyncStatus const> const status =
@@ -640,17 +676,56 @@ void SyncContainerHandlerSm::onPublish(Lumo::Publisher const&, Lumo::Change cons
 void SyncContainerHandlerSm::handleSyncContainerHandler(Lumo::String const& syncContainerKey, Handler const& oldHandler,
                                                         Handler const& newHandler) {
     WEX_TRACE(traceHandle(), 8, "SyncContainerHandlerSm", "syncContainerKey={}", syncContainerKey);
+    replay(syncContainerKey, oldHandler, newHandler);
+}
+
+// A replay under way: the subscriptions it has not come to yet are still held by the outgoing
+// handler and not by the incoming one. Handlers it calls may end or start subscriptions; a
+// status change of one of these is left to the replay, which reads the record when it gets
+// there. The key stays locked in the registry meanwhile.
+struct SyncContainerHandlerSm::Replay {
+    Replay(SyncContainerHandlerSm& sm, Lumo::String key) : sm(sm), key(std::move(key)), outer(sm.replay_) {
+        if (sm.syncContainerHandlerRegistry_) sm.syncContainerHandlerRegistry_->syncContainerHandlerLockIs(this->key, true);
+        sm.replay_ = this;
+    }
+    Replay(Replay const&) = delete;
+    Replay& operator=(Replay const&) = delete;
+    ~Replay() {
+        sm.replay_ = outer;
+        if (sm.syncContainerHandlerRegistry_) sm.syncContainerHandlerRegistry_->syncContainerHandlerLockIs(key, false);
+    }
+
+    SyncContainerHandlerSm& sm;
+    Lumo::String const key;
+    std::vector<PathSubscribeConfig> notYet;
+    Replay* const outer;
+};
+
+void SyncContainerHandlerSm::replay(Lumo::String const& syncContainerKey, Handler const& oldHandler,
+                                    Handler const& newHandler) {
     if (!syncContainerStatus_) return;
-    for (Lumo::Ptr<SyncContainer const> const& container : syncContainerStatus_->syncContainersOfKey(syncContainerKey)) {
+    std::vector<Lumo::Ptr<SyncContainer const>> const containers =
+        syncContainerStatus_->syncContainersOfKey(syncContainerKey);
+    if (containers.empty()) return;
+    Replay replay(*this, syncContainerKey);
+    for (Lumo::Ptr<SyncContainer const> const& container : containers)
+        replay.notYet.push_back(container->pathSubscribeConfig());
+    for (Lumo::Ptr<SyncContainer const> const& container : containers) {
         PathSubscribeConfig const config = container->pathSubscribeConfig();
-        // A handler called earlier in this loop may have changed the status.
-        if (syncContainerStatus_->syncContainer(config) != container) continue;
+        // The outgoing handler holds it even when it has ended meanwhile: nobody else told it.
         if (oldHandler) withdrawContainer(oldHandler, config);
-        if (newHandler) giveContainer(newHandler, container);
+        std::erase(replay.notYet, config);
+        if (!newHandler) continue;
+        if (Lumo::Ptr<SyncContainer const> const now = syncContainerStatus_->syncContainer(config))
+            giveContainer(newHandler, now);
     }
 }
 
 void SyncContainerHandlerSm::handleSyncContainer(PathSubscribeConfig const& pathSubscribeConfig) {
+    for (Replay const* r = replay_; r; r = r->outer)
+        if (r->key == pathSubscribeConfig.syncContainerKey() &&
+            std::find(r->notYet.begin(), r->notYet.end(), pathSubscribeConfig) != r->notYet.end())
+            return;
     Handler const handler = syncContainerHandlerRegistry_
                                 ? syncContainerHandlerRegistry_->syncContainerHandler(pathSubscribeConfig.syncContainerKey())
                                 : nullptr;
@@ -675,11 +750,13 @@ void SyncContainerHandlerSm::handleInitialized() {
 void SyncContainerHandlerSm::doCleanup() {
     WEX_TRACE(traceHandle(), 8, "SyncContainerHandlerSm", "");
     if (!syncContainerStatus_ || !syncContainerHandlerRegistry_) return;
-    syncContainerStatus_->syncContainer().forEachSafe([this](Lumo::Ptr<SyncContainer const> const& container) {
-        PathSubscribeConfig const config = container->pathSubscribeConfig();
-        if (Handler const handler = syncContainerHandlerRegistry_->syncContainerHandler(config.syncContainerKey()))
-            withdrawContainer(handler, config);
-    });
+    // Key by key, each a replay to no handler, so that whatever the handlers do meanwhile
+    // every container they hold is withdrawn.
+    std::vector<Lumo::String> keys;
+    for (Handler const& handler : syncContainerHandlerRegistry_->syncContainerHandler())
+        keys.push_back(handler->syncContainerKey());
+    for (Lumo::String const& key : keys)
+        if (Handler const handler = syncContainerHandlerRegistry_->syncContainerHandler(key)) replay(key, handler, nullptr);
 }
 
 // Handlers are the client's code, called inside notifications: one that throws is traced and

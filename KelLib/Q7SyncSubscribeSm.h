@@ -390,13 +390,18 @@ protected:
     ~SyncContainerHandlerSm() override;
 
 private:
+    struct Replay;
+
     void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+    // Hands the recorded containers of one key from oldHandler over to newHandler.
+    void replay(Lumo::String const& syncContainerKey, Handler const& oldHandler, Handler const& newHandler);
     void giveContainer(Handler const& handler, Lumo::Ptr<SyncContainer const> const& container);
     void withdrawContainer(Handler const& handler, PathSubscribeConfig const& config);
 
     Lumo::Ptr<SyncContainerHandlerRegistry const> syncContainerHandlerRegistry_;
     Lumo::Ptr<SyncContainerStatus const> syncContainerStatus_;
     on_syncContainerHandlerRegistry registryNotifiee_{*this};
+    Replay* replay_ = nullptr;  // the replays under way, innermost first
 };
 
 Lumo::Ptr<SyncContainerHandlerSm> syncContainerHandlerSmFactory(
