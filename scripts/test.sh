@@ -4,6 +4,8 @@
 #   (b) build-asan/  clang, AddressSanitizer + UndefinedBehaviorSanitizer
 #   (c) build-tsan/  clang, ThreadSanitizer, thread tests only (ctest -L thread)
 #   (d) build-fuzz/  clang, libFuzzer targets over their checked-in corpora
+#   (e) build-glibcxx/ g++ with the standard library's debug mode (checked iterators and
+#                    containers, -D_GLIBCXX_DEBUG -D_GLIBCXX_ASSERTIONS), the whole suite
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -178,6 +180,17 @@ else
   done
   end_stage "${#targets[@]} fuzz targets clean"
 fi
+
+# ---------------------------------------------------------------- (e)
+begin_stage "(e) g++ _GLIBCXX_DEBUG"
+# Every object of the project is built in debug mode. The system's GoogleTest is not, but
+# debug-mode containers have other names, so a container crossing over would fail to link.
+configure build-glibcxx g++ \
+  -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS="-D_GLIBCXX_DEBUG -D_GLIBCXX_ASSERTIONS" \
+  -DQ7_SANITIZE= -DQ7_TESTS=ON -DQ7_THREAD_TESTS_ONLY=OFF -DQ7_FUZZ=OFF
+build build-glibcxx
+run_ctest build-glibcxx "${#ALL_TEST_SOURCES[@]}"
+end_stage "${LAST_CTEST_COUNT} tests passed"
 
 # ---------------------------------------------------------------- summary
 STAGE="summary"
