@@ -1,7 +1,6 @@
 // PathSubscribeConfig: derivation, comparison, hashing, text form; and the request types.
 #include "KelLib/Q7SyncSubscribeRequest.h"
 
-#include <array>
 #include <cstring>
 #include <ostream>
 #include <utility>
@@ -17,26 +16,6 @@ namespace Kel::Q7Sync {
 namespace {
 constexpr char kTypeName[] = "Kel::Q7Sync::PathSubscribeConfig";
 constexpr char kSyncAttribute[] = "syncAttribute";
-
-// The parts joined into one string, built on the stack unless they are long.
-template <std::size_t N>
-Lumo::String concat(std::array<std::string_view, N> const& parts) {
-    std::size_t total = 0;
-    for (std::string_view p : parts) total += p.size();
-    char stack[256];
-    std::string heap;
-    char* out = stack;
-    if (total > sizeof stack) {
-        heap.resize(total);
-        out = heap.data();
-    }
-    char* w = out;
-    for (std::string_view p : parts) {
-        std::memcpy(w, p.data(), p.size());
-        w += p.size();
-    }
-    return Lumo::String(std::string_view(out, total));
-}
 
 char* appendDecimal(char* w, std::uint32_t v) {
     char digits[10];
@@ -146,8 +125,8 @@ void PathSubscribeConfig::handleInitialized() {
     char agentKey[64];
     remoteAgentKey_ = Lumo::String(formatAgentKey(agentKey, remoteAddr_, remotePort_));
     std::string_view const key = remoteAgentKey_.view();
-    localUri_ = concat<6>({"/q7/remote/", key, "/", syncContainerKey_.view(), "/", kSyncAttribute});
-    remoteUri_ = concat<3>({key, remotePath_.startsWith("/") ? "" : "/", remotePath_.view()});
+    localUri_ = Lumo::String::concat({"/q7/remote/", key, "/", syncContainerKey_.view(), "/", kSyncAttribute});
+    remoteUri_ = Lumo::String::concat({key, remotePath_.startsWith("/") ? "" : "/", remotePath_.view()});
 }
 
 PathSubscribeConfig PathSubscribeConfig::createWithContainerTypeString(Kivu::IpGenAddr remoteAddr,

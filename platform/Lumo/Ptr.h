@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <functional>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 namespace Lumo {
@@ -50,8 +51,17 @@ private:
     T* p_ = nullptr;
 };
 
+// An object whose dynamic type is T itself is cast statically: dynamic_cast walks the class
+// hierarchy for every cast, and the framework casts directories and containers to their
+// own type all the time.
 template <class T, class U>
-Ptr<T> ptr_cast(Ptr<U> const& p) noexcept { return Ptr<T>(dynamic_cast<T*>(p.ptr())); }
+Ptr<T> ptr_cast(Ptr<U> const& p) noexcept {
+    U* const u = p.ptr();
+    if (!u) return Ptr<T>();
+    if constexpr (std::is_polymorphic_v<U> && requires { static_cast<T*>(u); })
+        if (typeid(*u) == typeid(T)) return Ptr<T>(static_cast<T*>(u));
+    return Ptr<T>(dynamic_cast<T*>(u));
+}
 
 template <class T, class U>
 Ptr<T> static_ptr_cast(Ptr<U> const& p) noexcept { return Ptr<T>(static_cast<T*>(p.ptr())); }

@@ -1,6 +1,7 @@
 // Lumo::String: shared buffer allocation and release.
 #include "Lumo/String.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -31,16 +32,36 @@ std::uint32_t String::hashOf(std::string_view s) noexcept {
     return static_cast<std::uint32_t>(h ^ (h >> 32));
 }
 
+String::Rep* String::allocate(std::size_t size) {
+    void* mem = std::malloc(offsetof(Rep, data) + size + 1);
+    if (!mem) throw std::bad_alloc();
+    Rep* rep = static_cast<Rep*>(mem);
+    rep->refs = 1;
+    rep->size = static_cast<std::uint32_t>(size);
+    rep->data[size] = '\0';
+    return rep;
+}
+
 String::String(std::string_view s) {
     if (s.empty()) return;
-    void* mem = std::malloc(offsetof(Rep, data) + s.size() + 1);
-    if (!mem) throw std::bad_alloc();
-    rep_ = static_cast<Rep*>(mem);
-    rep_->refs = 1;
-    rep_->size = static_cast<std::uint32_t>(s.size());
-    rep_->hash = hashOf(s);
+    rep_ = allocate(s.size());
     std::memcpy(rep_->data, s.data(), s.size());
-    rep_->data[s.size()] = '\0';
+    rep_->hash = hashOf(s);
+}
+
+String String::concat(std::initializer_list<std::string_view> parts) {
+    std::size_t size = 0;
+    for (std::string_view p : parts) size += p.size();
+    String out;
+    if (size == 0) return out;
+    out.rep_ = allocate(size);
+    char* w = out.rep_->data;
+    for (std::string_view p : parts) {
+        std::memcpy(w, p.data(), p.size());
+        w += p.size();
+    }
+    out.rep_->hash = hashOf(out.view());
+    return out;
 }
 
 void String::destroy(Rep* rep) noexcept { std::free(rep); }

@@ -4,6 +4,7 @@
 #include <compare>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -38,6 +39,8 @@ public:
     // The hash of the text, the same for equal strings whatever their buffers.
     std::uint32_t hash() const noexcept { return rep_ ? rep_->hash : kEmptyHash; }
     static std::uint32_t hashOf(std::string_view s) noexcept;
+    // The parts joined, written straight into the new buffer.
+    static String concat(std::initializer_list<std::string_view> parts);
 
     friend bool operator==(String const& a, String const& b) noexcept {
         return a.rep_ == b.rep_ || (a.hash() == b.hash() && a.view() == b.view());
@@ -54,6 +57,7 @@ private:
         char data[1];
     };
     static constexpr std::uint32_t kEmptyHash = 0x811c9dc5u;
+    static Rep* allocate(std::size_t size);
     static void destroy(Rep* rep) noexcept;
     Rep* rep_ = nullptr;
 };
