@@ -334,8 +334,9 @@ void SyncContainerSm::hasNotificationActiveIs(bool active) {
 
 void SyncContainerSm::onPublish(Lumo::Publisher const&, Lumo::Change const& change) {
     if (zombie() || change.attribute != EffectiveSubscribeConfig::kPathSubscribeConfig || !change.key) return;
-    PathSubscribeConfig const config = *static_cast<PathSubscribeConfig const*>(change.key);
-    handlePathSubscribeConfig(config);
+    // The key is the value the collection was handed (or gave back), held by the collection's
+    // caller for the whole delivery: no copy needed.
+    handlePathSubscribeConfig(*static_cast<PathSubscribeConfig const*>(change.key));
 }
 
 void SyncContainerSm::handlePathSubscribeConfig(PathSubscribeConfig const& pathSubscribeConfig) {
@@ -482,8 +483,9 @@ void SubscribeSm::onPublish(Lumo::Publisher const& publisher, Lumo::Change const
     bool const containerChanged = &publisher == syncContainerStatus_->notifieeList() &&
                                   change.attribute == SyncContainerStatus::kSyncContainer;
     if (!configChanged && !containerChanged) return;
-    PathSubscribeConfig const config = *static_cast<PathSubscribeConfig const*>(change.key);
-    handlePathSubscribeConfig(config);
+    // The key outlives the delivery (a value held by the collection's caller, or the held
+    // container's own configuration, which nothing below changes): no copy needed.
+    handlePathSubscribeConfig(*static_cast<PathSubscribeConfig const*>(change.key));
 }
 
 void SubscribeSm::handlePathSubscribeConfig(PathSubscribeConfig const& config) {
