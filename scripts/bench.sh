@@ -50,11 +50,13 @@ reference() {
   echo "== $prog $sc $n"
   "$OUT/ref/$prog" "$sc" "$n" | tee -a "$RAW" | awk -F'\t' -v OFS='\t' '$1 == "ROW" {
     if ($3 == "distinct") {
-      print $2, "distinct.lifecycle", $4, $7; print $2, "distinct.subscribe", $4, $9
+      print $2, "distinct.lifecycle", $4, $7; print $2, "distinct.lifecycle (min)", $4, $6
+      print $2, "distinct.subscribe", $4, $9
       print $2, "distinct.release", $4, $11; print $2, "distinct.dedup_hit", $4, $12
       print $2, "distinct.heap_B_per_sub", $4, $15
     } else {
-      print $2, "conflict.lifecycle", $4, $7; print $2, "conflict.evict", $4, $12
+      print $2, "conflict.lifecycle", $4, $7; print $2, "conflict.lifecycle (min)", $4, $6
+      print $2, "conflict.evict", $4, $12
       print $2, "conflict.restore", $4, $13; print $2, "conflict.heap_B_per_sub", $4, $15
     } }' >>"$FIG"
 }
@@ -66,7 +68,8 @@ ours() {
     awk -F'\t' -v OFS='\t' '{ sub(/^.*ROW\t/, "ROW\t") } $1 == "ROW" {
       n = "-"; name = $2
       if (match(name, /\/[0-9]+$/)) { n = substr(name, RSTART + 1); name = substr(name, 1, RSTART - 1) }
-      print "q7", name, n, $4 }' >>"$FIG"
+      print "q7", name, n, $4
+      if (name ~ /\.lifecycle$/) print "q7", name " (min)", n, $3 }' >>"$FIG"
 }
 
 for n in "${SIZES[@]}"; do
