@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, whatever this Debian 12 machine lacks to build and
 # test the project. Prints nothing when everything is already there.
+# Arguments name further packages that one script needs (scripts/coverage.sh: gcovr).
 set -euo pipefail
 
 PACKAGES=(
@@ -15,6 +16,7 @@ PACKAGES=(
   valgrind bc          # instruction counts (callgrind) in scripts/bench.sh and the reference
   libcli11-dev         # the host program's option parsing
 )
+PACKAGES+=("$@")
 
 missing=()
 for pkg in "${PACKAGES[@]}"; do

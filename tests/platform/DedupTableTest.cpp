@@ -1,9 +1,12 @@
 // The framework's dedup hash table: sharing, self-removal on the last release, notifiee changes.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Memtrail/Memtrail.h"
 #include "Oru/Dedup.h"
 
 namespace {
@@ -90,6 +93,21 @@ TEST_F(DedupTableTest, ReleasingAnotherLastPointerInsideHandleRemoveIsSafe) {
     a = nullptr;
     EXPECT_EQ(table->size(), 0u);
     EXPECT_EQ(recorder->events, (std::vector<std::string>{"insert abc", "insert defg", "remove abc", "remove defg"}));
+}
+
+TEST_F(DedupTableTest, ANotifieeThrowingFromHandleRemoveIsRecordedAndTheHandleStillLeaves) {
+    Memtrail::Handle records(8);
+    Memtrail::Handle* const previous = Memtrail::defaultHandle();
+    Memtrail::defaultHandleIs(&records);
+    auto a = find("abc");
+    recorder->onRemove = [](Oru::DedupHandleBase*) { throw std::runtime_error("notifiee failure"); };
+    EXPECT_NO_THROW(a = nullptr);
+    recorder->onRemove = nullptr;
+    Memtrail::defaultHandleIs(previous);
+    EXPECT_EQ(table->size(), 0u);
+    ASSERT_EQ(records.size(0), 1u);
+    EXPECT_NE(records.records(0).front()->text().find("notifiee threw: notifiee failure"), std::string::npos);
+    EXPECT_TRUE(find("abc")->isDeduped());
 }
 
 TEST_F(DedupTableTest, DetachedNotifieeHearsStopAndNothingAfter) {
