@@ -15,7 +15,7 @@ namespace Kel::Q7Sync {
 class ListenConfig {
 public:
     ListenConfig() noexcept = default;
-    ListenConfig(Kivu::IpGenAddr hostAddr, std::uint16_t port) noexcept : hostAddr_(hostAddr), port_(port) {}
+    ListenConfig(Kivu::IpGenAddr const& hostAddr, std::uint16_t port) noexcept : hostAddr_(hostAddr), port_(port) {}
     // Reads the text form of valueToStrep. On failure throws Wex::RangeException naming the
     // attribute that could not be read and leaves `range` where it was.
     explicit ListenConfig(Wex::CharRange& range);

@@ -1,6 +1,7 @@
 // PathSubscribeConfig: derivation, comparison, hashing, text form; and the request types.
 #include "KelLib/Q7SyncSubscribeRequest.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ostream>
 #include <utility>
@@ -35,7 +36,7 @@ char* appendDecimal(char* w, std::uint32_t v) {
 char* appendIp6(char* w, Kivu::IpGenAddr const& addr) {
     auto const& b = addr.bytes();
     std::uint16_t words[8];
-    for (int i = 0; i < 8; ++i) words[i] = std::uint16_t(b[2 * i] << 8 | b[2 * i + 1]);
+    for (std::size_t i = 0; i < 8; ++i) words[i] = std::uint16_t(b[2 * i] << 8 | b[2 * i + 1]);
     int bestBase = -1, bestLen = 0;
     for (int i = 0; i < 8;) {
         if (words[i] != 0) {
@@ -52,8 +53,7 @@ char* appendIp6(char* w, Kivu::IpGenAddr const& addr) {
     }
     if (bestBase == 0 && (bestLen == 6 || (bestLen == 5 && words[5] == 0xffff)) ) {
         std::string const text = addr.stringValue();
-        std::memcpy(w, text.data(), text.size());
-        return w + text.size();
+        return std::copy(text.begin(), text.end(), w);
     }
     static constexpr char kHex[] = "0123456789abcdef";
     for (int i = 0; i < 8; ++i) {
@@ -104,9 +104,9 @@ PathSubscribeConfig::PathSubscribeConfig() noexcept {
     hash0_ = defaultHash;
 }
 
-PathSubscribeConfig::PathSubscribeConfig(Kivu::IpGenAddr remoteAddr, std::uint32_t remotePort, Lumo::String remotePath,
-                                         Lumo::String syncContainerKey, Wex::WexType const* syncContainerType,
-                                         SyncRequestFlags flags)
+PathSubscribeConfig::PathSubscribeConfig(Kivu::IpGenAddr const& remoteAddr, std::uint32_t remotePort,
+                                         Lumo::String remotePath, Lumo::String syncContainerKey,
+                                         Wex::WexType const* syncContainerType, SyncRequestFlags flags)
     : remoteAddr_(remoteAddr), remotePort_(remotePort), remotePath_(std::move(remotePath)),
       syncContainerKey_(std::move(syncContainerKey)), syncContainerType_(syncContainerType), flags_(flags) {
     handleInitialized();
@@ -129,7 +129,7 @@ void PathSubscribeConfig::handleInitialized() {
     remoteUri_ = Lumo::String::concat({key, remotePath_.startsWith("/") ? "" : "/", remotePath_.view()});
 }
 
-PathSubscribeConfig PathSubscribeConfig::createWithContainerTypeString(Kivu::IpGenAddr remoteAddr,
+PathSubscribeConfig PathSubscribeConfig::createWithContainerTypeString(Kivu::IpGenAddr const& remoteAddr,
                                                                        std::uint32_t remotePort,
                                                                        Lumo::String remotePath,
                                                                        Lumo::String syncContainerKey,
@@ -142,7 +142,7 @@ PathSubscribeConfig PathSubscribeConfig::createWithContainerTypeString(Kivu::IpG
     return PathSubscribeConfig(remoteAddr, remotePort, std::move(remotePath), std::move(syncContainerKey), type, flags);
 }
 
-PathSubscribeConfig PathSubscribeConfig::createWriteSyncConfig(Kivu::IpGenAddr remoteAddr, Kivu::Port remotePort,
+PathSubscribeConfig PathSubscribeConfig::createWriteSyncConfig(Kivu::IpGenAddr const& remoteAddr, Kivu::Port remotePort,
                                                                Lumo::String syncContainerKey,
                                                                Wex::WexType const* syncContainerType,
                                                                SyncRequestFlags flags) {

@@ -27,20 +27,21 @@ public:
     PathSubscribeConfig() noexcept;
     // Refuses, with Wex::NewEntityArgsException naming "syncContainerType", a container type
     // that is not SyncContainer or derived from it when the address is specified.
-    PathSubscribeConfig(Kivu::IpGenAddr remoteAddr, std::uint32_t remotePort, Lumo::String remotePath,
+    PathSubscribeConfig(Kivu::IpGenAddr const& remoteAddr, std::uint32_t remotePort, Lumo::String remotePath,
                         Lumo::String syncContainerKey, Wex::WexType const* syncContainerType, SyncRequestFlags flags);
     // Reads the text form; the derived strings are taken as they stand. No container type.
     explicit PathSubscribeConfig(Wex::CharRange& range);
 
     // The container type named by its full registered name; an unknown name is refused with
     // Wex::NewEntityArgsException naming "syncContainerTypeName".
-    static PathSubscribeConfig createWithContainerTypeString(Kivu::IpGenAddr remoteAddr, std::uint32_t remotePort,
-                                                             Lumo::String remotePath, Lumo::String syncContainerKey,
+    static PathSubscribeConfig createWithContainerTypeString(Kivu::IpGenAddr const& remoteAddr,
+                                                             std::uint32_t remotePort, Lumo::String remotePath,
+                                                             Lumo::String syncContainerKey,
                                                              std::string_view syncContainerTypeName,
                                                              SyncRequestFlags flags);
     // A write-sync subscription: the remote path is "/q7/writeSync/<key>/syncAttribute".
     // Flags without WRITE are refused with Wex::NewEntityArgsException naming "flags".
-    static PathSubscribeConfig createWriteSyncConfig(Kivu::IpGenAddr remoteAddr, Kivu::Port remotePort,
+    static PathSubscribeConfig createWriteSyncConfig(Kivu::IpGenAddr const& remoteAddr, Kivu::Port remotePort,
                                                      Lumo::String syncContainerKey,
                                                      Wex::WexType const* syncContainerType, SyncRequestFlags flags);
 

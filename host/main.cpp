@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <iostream>
 
@@ -11,7 +12,8 @@
 #include "Shell.h"
 #include "Wex/Trace.h"
 
-int main(int argc, char** argv) {
+// Whatever escapes (out of memory, a stream failing) ends the program with a message, not terminate().
+int main(int argc, char** argv) try {
     CLI::App app("q7agent: an agent host with the sync module loaded.\n"
                  "Reads commands from SCRIPT, or from standard input; 'help' lists them.");
     std::string script;
@@ -44,4 +46,10 @@ int main(int argc, char** argv) {
     }
     if (failures) fmt::print(stdout, "q7agent: {} command(s) failed\n", failures);
     return strict && failures ? 1 : 0;
+} catch (std::exception const& e) {
+    std::fprintf(stderr, "q7agent: %s\n", e.what());
+    return 1;
+} catch (...) {
+    std::fputs("q7agent: unknown exception\n", stderr);
+    return 1;
 }

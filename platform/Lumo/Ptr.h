@@ -58,6 +58,7 @@ template <class T, class U>
 Ptr<T> ptr_cast(Ptr<U> const& p) noexcept {
     U* const u = p.ptr();
     if (!u) return Ptr<T>();
+    // cppcheck-suppress constStatement ; a requires-expression, which cppcheck reads as a statement
     if constexpr (std::is_polymorphic_v<U> && requires { static_cast<T*>(u); })
         if (typeid(*u) == typeid(T)) return Ptr<T>(static_cast<T*>(u));
     return Ptr<T>(dynamic_cast<T*>(u));

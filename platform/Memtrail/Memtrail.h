@@ -47,6 +47,7 @@ Stored<T> store(T&& v) {
 // One event: the format and a copy of its arguments. The text is made only when read.
 class Record {
 public:
+    // cppcheck-suppress uninitMemberVar ; args_ is raw storage, assign() builds the arguments in it
     Record() = default;
     Record(Record const&) = delete;
     Record& operator=(Record const&) = delete;

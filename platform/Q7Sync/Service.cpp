@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -114,7 +114,7 @@ Lumo::Ptr<ListenStatus> Service::listen(std::string const& hostAddr, std::uint16
         int one = 1;
         if (ep.fd < 0 || ::setsockopt(ep.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
             ::bind(ep.fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(ep.fd, 16) != 0) {
-            reason = std::strerror(errno);
+            reason = std::generic_category().message(errno);  // strerror is not thread-safe
             if (ep.fd >= 0) ::close(ep.fd);
             ep.fd = -1;
         }

@@ -17,7 +17,7 @@ namespace Termout {
 // The descriptor stays the caller's: it is never closed here.
 class NonBlockingCliTxnBuffer : public Wex::PtrInterface {
 public:
-    static constexpr std::size_t kDefaultCapacity = 64 * 1024;
+    static constexpr std::size_t kDefaultCapacity = std::size_t{64} * 1024;
     static constexpr int kDefaultStallLimitMs = 30'000;
 
     // A negative fd or a zero capacity is a Wex::RangeException.

@@ -46,6 +46,7 @@ namespace detail {
 template <class V, class Hash, class Eq>
 class FlatSet {
 public:
+    // cppcheck-suppress uninitMemberVar ; inlineSlot_ is raw storage, a member is built in it
     FlatSet() noexcept = default;
     FlatSet(FlatSet const&) = delete;
     FlatSet& operator=(FlatSet const&) = delete;
@@ -178,10 +179,12 @@ private:
         rehash(cap_ == 1 || (size_ + 1) * 2 * 4 > cap_ * 3 ? capacityFor((size_ + 1) * 2) : cap_);
     }
     static std::size_t slotsOffset(std::size_t cap) noexcept {
+        // cppcheck-suppress CastAddressToIntegerAtReturn ; alignof is a size, no address is involved
         return (cap + alignof(V) - 1) / alignof(V) * alignof(V);
     }
     void rehash(std::size_t cap) {
         static_assert(alignof(V) <= alignof(std::max_align_t));
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): slots hold V, which is a pointer in some tables
         void* mem = std::malloc(slotsOffset(cap) + cap * sizeof(V));
         if (!mem) throw std::bad_alloc();
         auto* ctrl = static_cast<std::uint8_t*>(mem);
@@ -226,6 +229,7 @@ private:
     std::size_t deleted_ = 0;
     unsigned shift_ = 64;
     std::uint8_t inlineCtrl_ = kEmpty;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the slot holds V, which is a pointer in some tables
     alignas(V) unsigned char inlineSlot_[sizeof(V)];
 };
 
@@ -234,6 +238,7 @@ template <class V>
 class Snapshot {
 public:
     template <class It>
+    // cppcheck-suppress uninitMemberVar ; inline_ is raw storage, members are built in it
     Snapshot(It first, It last, std::size_t n) {
         if (n > kInline) {
             heap_.reserve(n);
