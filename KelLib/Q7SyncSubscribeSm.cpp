@@ -699,7 +699,9 @@ struct SyncContainerHandlerSm::Replay {
 
     SyncContainerHandlerSm& sm;
     Lumo::String const key;
-    std::vector<PathSubscribeConfig> notYet;
+    // A set: the replay visits each container of the key once and every notification during it
+    // asks whether its container is among these, so a list would make the replay quadratic.
+    Wex::Collection<PathSubscribeConfig, PathSubscribeConfig> notYet{"notYet", 0};
     Replay* const outer;
 };
 
@@ -710,13 +712,14 @@ void SyncContainerHandlerSm::replay(Lumo::String const& syncContainerKey, Handle
         syncContainerStatus_->syncContainersOfKey(syncContainerKey);
     if (containers.empty()) return;
     Replay replay(*this, syncContainerKey);
+    replay.notYet.reserve(containers.size());
     for (Lumo::Ptr<SyncContainer const> const& container : containers)
-        replay.notYet.push_back(container->pathSubscribeConfig());
+        replay.notYet.set(container->pathSubscribeConfig());
     for (Lumo::Ptr<SyncContainer const> const& container : containers) {
         PathSubscribeConfig const config = container->pathSubscribeConfig();
         // The outgoing handler holds it even when it has ended meanwhile: nobody else told it.
         if (oldHandler) withdrawContainer(oldHandler, config);
-        std::erase(replay.notYet, config);
+        replay.notYet.del(config);
         if (!newHandler) continue;
         if (Lumo::Ptr<SyncContainer const> const now = syncContainerStatus_->syncContainer(config))
             giveContainer(newHandler, now);
@@ -725,9 +728,7 @@ void SyncContainerHandlerSm::replay(Lumo::String const& syncContainerKey, Handle
 
 void SyncContainerHandlerSm::handleSyncContainer(PathSubscribeConfig const& pathSubscribeConfig) {
     for (Replay const* r = replay_; r; r = r->outer)
-        if (r->key == pathSubscribeConfig.syncContainerKey() &&
-            std::find(r->notYet.begin(), r->notYet.end(), pathSubscribeConfig) != r->notYet.end())
-            return;
+        if (r->key == pathSubscribeConfig.syncContainerKey() && r->notYet.has(pathSubscribeConfig)) return;
     Handler const handler = syncContainerHandlerRegistry_
                                 ? syncContainerHandlerRegistry_->syncContainerHandler(pathSubscribeConfig.syncContainerKey())
                                 : nullptr;
