@@ -3,11 +3,12 @@
 
 #include <cstddef>
 #include <string_view>
-#include <unordered_set>
+#include <functional>
 
 #include "Lumo/Ptr.h"
 #include "Termout/DumpStateWriterCallback.h"
 #include "Termout/NonBlockingCliTxnBuffer.h"
+#include "Wex/Collection.h"
 #include "Wex/PtrInterface.h"
 
 namespace Oru {
@@ -46,8 +47,12 @@ public:
     void flush() noexcept;
 
     // Records `object` as shown; false when it was shown already.
-    bool visitedIs(Wex::PtrInterface const* object) { return visited_.insert(object).second; }
-    bool visited(Wex::PtrInterface const* object) const noexcept { return visited_.count(object) != 0; }
+    bool visitedIs(Wex::PtrInterface const* object) {
+        if (visited_.find(object) != visited_.npos) return false;
+        visited_.insertNew(object);
+        return true;
+    }
+    bool visited(Wex::PtrInterface const* object) const noexcept { return visited_.find(object) != visited_.npos; }
     std::size_t objectsShown() const noexcept { return visited_.size(); }
 
     Wex::WexType const* fwkType() const noexcept override;
@@ -63,7 +68,11 @@ private:
     bool followWeakReferences_ = true;
     Lumo::Ptr<Termout::DumpStateWriterCallback> writer_;
     Lumo::Ptr<Termout::NonBlockingCliTxnBuffer> fdBuffer_;
-    std::unordered_set<Wex::PtrInterface const*> visited_;
+    // The one thing a dump keeps as it goes: eight bytes a slot, no node per object shown.
+    struct AddressHash {
+        std::size_t operator()(Wex::PtrInterface const* p) const noexcept { return std::hash<Wex::PtrInterface const*>{}(p); }
+    };
+    Wex::detail::FlatSet<Wex::PtrInterface const*, AddressHash, std::equal_to<>> visited_;
 };
 
 } // namespace Oru
