@@ -36,7 +36,11 @@ inline int runFreshProcess() {
     std::string const name = currentTestName();
     std::string const filter = "--gtest_filter=" + name;
     std::string const marker = std::string(kFreshProcessVariable) + "=" + name;
+    // The program's own path: under a tool that runs programs (valgrind) /proc/self/exe names
+    // the tool, while readlink of it gives the program.
     std::string self = "/proc/self/exe";
+    char path[4096];
+    if (ssize_t const n = ::readlink("/proc/self/exe", path, sizeof path - 1); n > 0) self.assign(path, std::size_t(n));
     std::vector<char*> argv{self.data(), const_cast<char*>(filter.c_str()), nullptr};
     std::vector<char*> env;
     for (char** e = environ; *e; ++e)
@@ -45,7 +49,7 @@ inline int runFreshProcess() {
     env.push_back(nullptr);
     std::fflush(nullptr);  // nothing buffered here is written twice
     pid_t pid;
-    if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv.data(), env.data()) != 0) return -1;
+    if (posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), env.data()) != 0) return -1;
     int status = 0;
     while (waitpid(pid, &status, 0) < 0)
         if (errno != EINTR) return -1;
