@@ -10,7 +10,8 @@ namespace {
 
 // The global directory lives as long as the process; so does the module's tree "q7" in it,
 // which the first module built puts there. A test that brings the tree into being (building
-// the shared module, or another) is checked from the count it leaves.
+// the shared module, or another) is not held to the count: what it leaves includes the tree
+// and the shared module. The tests after it in the same program are.
 bool moduleTreeExists() { return Wex::System::globalDir()->entityPtr(Lumo::String("q7")) != nullptr; }
 
 class LiveObjectsCheck final : public ::testing::EmptyTestEventListener {
