@@ -77,8 +77,6 @@ TEST(String, CopiesShareTheTextAndCompareByContent) {
 }
 
 #ifndef NDEBUG
-using Lifecycle = ::testing::Test;
-
 class Plain : public Wex::PtrInterface {
 public:
     Plain() = default;
