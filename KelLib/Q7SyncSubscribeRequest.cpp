@@ -397,7 +397,6 @@ void buildTypeTable(Wex::WexModule& m) {
                                  a.get<Lumo::String>(kTypeName, "syncContainerTypeName").view(),
                                  a.get<C::SyncRequestFlags>(kTypeName, "flags"));
                          });
-    // REQUEST-TYPES-TABLE (the request types register here)
     using R = PathSubscribeRequest;
     using L = PathSubscribeRequestLifeTimeNotifier;
     using T = PathSubscribeRequestDedupTable;
