@@ -20,34 +20,10 @@
 #include "Q7Sync/Service.h"
 #include "Wex/Trace.h"
 #include "support/SyncTestSupport.h"
+#include "support/TempFile.h"
 
 namespace Kel::Q7Sync::Test {
 namespace {
-
-// A file the host writes to; read back from where the last read stopped.
-class OutputFile {
-public:
-    OutputFile() : file_(std::tmpfile()) { if (!file_) throw std::runtime_error("no temporary file"); }
-    OutputFile(OutputFile const&) = delete;
-    OutputFile& operator=(OutputFile const&) = delete;
-    ~OutputFile() { std::fclose(file_); }
-    std::FILE* file() const { return file_; }
-    // What was written since the last call.
-    std::string fresh() {
-        std::fflush(file_);
-        std::string out;
-        char chunk[1 << 16];
-        std::fseek(file_, long(read_), SEEK_SET);
-        for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, file_)) > 0;) out.append(chunk, n);
-        read_ += out.size();
-        std::fseek(file_, 0, SEEK_END);
-        return out;
-    }
-
-private:
-    std::FILE* file_;
-    std::size_t read_ = 0;
-};
 
 std::vector<std::string> linesOf(std::string const& text) {
     std::vector<std::string> lines;
@@ -98,7 +74,7 @@ protected:
         return out.fresh();
     }
 
-    OutputFile out;
+    TempFile out;
     Q7Agent::Shell shell{out.file()};
 };
 
@@ -282,7 +258,7 @@ TEST_F(HostTest, AMalformedCommandPrintsOneErrorWithItsUsageAndChangesNothing) {
 TEST_F(HostTest, AHostThatGoesTakesItsHandlersAndRequestsWithIt) {
     auto const& registry = Module::get()->syncContainerHandlerRegistry();
     {
-        OutputFile other;
+        TempFile other;
         Q7Agent::Shell host(other.file());
         host.execute("handler add mine");
         host.execute("subscribe 10.3.3.3 6042 /p mine");
@@ -295,7 +271,7 @@ TEST_F(HostTest, AHostThatGoesTakesItsHandlersAndRequestsWithIt) {
     // A handler that another client registered in its place is not the host's to remove.
     std::vector<std::string> log;
     {
-        OutputFile other;
+        TempFile other;
         Q7Agent::Shell host(other.file());
         host.execute("handler add theirs");
         registry->syncContainerHandlerIs(RecordingHandler::make("R", "theirs", &log));

@@ -19,32 +19,13 @@
 #include "Wex/Type.h"
 #include "support/FreshProcess.h"
 #include "support/SyncTestSupport.h"
+#include "support/TempFile.h"
 
 namespace Kel::Q7Sync::Test {
 namespace {
 
 constexpr char kCommand[] = "dumpStateQ7SyncModule";
 constexpr char kHeader[] = "Kel::Q7Sync::Module 0x";
-
-// A file a command writes to, read back afterwards.
-class OutputFile {
-public:
-    OutputFile() : file_(std::tmpfile()) { if (!file_) throw std::runtime_error("no temporary file"); }
-    OutputFile(OutputFile const&) = delete;
-    OutputFile& operator=(OutputFile const&) = delete;
-    ~OutputFile() { std::fclose(file_); }
-    int fd() const { return fileno(file_); }
-    std::string contents() const {
-        std::string out;
-        std::rewind(file_);
-        char chunk[1 << 16];
-        for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, file_)) > 0;) out.append(chunk, n);
-        return out;
-    }
-
-private:
-    std::FILE* file_;
-};
 
 // The dumps in an output, each from its header line on.
 std::vector<std::string> dumpsIn(std::string const& out) {
@@ -95,7 +76,7 @@ struct AgentCommands {
     AgentCommands() { anchor->callbackIs(callback); }
     ~AgentCommands() { anchor->callbackDel(kCommand); }
     // One invocation, output and all.
-    void show(OutputFile const& out) {
+    void show(TempFile const& out) {
         ASSERT_TRUE(anchor->run(kCommand, out.fd()));
         EXPECT_EQ(scheduler->runPending(), 1u);
     }
@@ -106,7 +87,7 @@ TEST(ShowCommandFirstUseTest, AnInvocationBeforeAnyoneHasTheModuleBuildsItAndDum
     Lumo::Ptr<Wex::Dir> const& global = Wex::System::globalDir();
     ASSERT_FALSE(global->entityPtr("q7"));
     AgentCommands agent;
-    OutputFile out;
+    TempFile out;
     ASSERT_TRUE(agent.anchor->run(kCommand, out.fd()));
     // The output is produced when the scheduler runs, not before.
     EXPECT_FALSE(global->entityPtr("q7"));
@@ -146,7 +127,7 @@ TEST_F(ShowCommandModuleTest, TheCommandIsNamedDumpStateQ7SyncModule) {
     EXPECT_EQ(agent.anchor->callback(kCommand), agent.callback);
     EXPECT_EQ(agent.callback->anchor(), agent.anchor);
     EXPECT_EQ(agent.callback->scheduler(), agent.scheduler);
-    OutputFile out;
+    TempFile out;
     EXPECT_FALSE(agent.anchor->run("dumpstateq7syncmodule", out.fd()));
     EXPECT_EQ(agent.scheduler->pending(), 0u);
 }
@@ -154,7 +135,7 @@ TEST_F(ShowCommandModuleTest, TheCommandIsNamedDumpStateQ7SyncModule) {
 TEST_F(ShowCommandModuleTest, TwoInvocationsMakeTwoInstancesAndTwoCompleteDumpsThroughOneCallback) {
     Lumo::Ptr<::Agent::AsynchShowCommandCallback> const callback = agent.anchor->callback(kCommand);
     std::uint32_t const references = callback->references();
-    OutputFile out;
+    TempFile out;
     long const live = Wex::PtrInterface::liveObjects();
     ASSERT_TRUE(agent.anchor->run(kCommand, out.fd()));
     long const perInvocation = Wex::PtrInterface::liveObjects() - live;
@@ -178,7 +159,7 @@ TEST_F(ShowCommandModuleTest, EachInvocationAndItsOutputAreTracedAtLevelOne) {
     Memtrail::defaultHandleIs(&records);
     std::vector<std::string> lines;
     Wex::TraceHandle::sinkIs([&](std::string_view line) { lines.emplace_back(line); });
-    OutputFile out;
+    TempFile out;
 
     agent.show(out);  // level 1 off: records only
     EXPECT_TRUE(lines.empty());
@@ -235,7 +216,7 @@ TEST_F(ShowCommandModuleTest, ReflectionBuildsTheCallbackFromAnchorAndSchedulerA
     EXPECT_EQ(callback->scheduler(), agent.scheduler);
     EXPECT_TRUE(callback->notificationActive());
     anchor->callbackIs(Lumo::Ptr<::Agent::AsynchShowCommandCallback>(callback));
-    OutputFile out;
+    TempFile out;
     ASSERT_TRUE(anchor->run(kCommand, out.fd()));
     agent.scheduler->runPending();
     std::vector<std::string> const dumps = dumpsIn(out.contents());
@@ -247,7 +228,7 @@ TEST_F(ShowCommandModuleTest, ReflectionBuildsTheCallbackFromAnchorAndSchedulerA
 TEST_F(ShowCommandModuleTest, ReflectionBuildsAnInstanceThatDumpsTheModule) {
     Wex::WexType const* type = Wex::typeNode("Kel::Q7Sync::ShowQ7SyncDebugSm");
     ASSERT_TRUE(type);
-    OutputFile out;
+    TempFile out;
     Lumo::Ptr<::Agent::AgentCommandCallbackParams> params(new ::Agent::AgentCommandCallbackParams(kCommand, out.fd()));
     params->hasNotificationActiveIs(true);
     Wex::Args args{{"anchor", Wex::Value::of(agent.anchor)},
@@ -326,7 +307,7 @@ TEST_F(ShowCommandModuleTest, ADumpOfThousandsOfSubscriptionsGoesOutWhileItIsWri
     Lumo::Ptr<WatchedCallback> callback(new WatchedCallback(agent.anchor, agent.scheduler));
     callback->hasNotificationActiveIs(true);
     agent.anchor->callbackIs(callback);
-    OutputFile out;
+    TempFile out;
     ASSERT_TRUE(agent.anchor->run(kCommand, out.fd()));
     ASSERT_TRUE(callback->last);
     Lumo::Ptr<Termout::NonBlockingCliTxnBuffer> const buffer = callback->last->cliBuffer();

@@ -20,6 +20,7 @@
 #include "Termout/NonBlockingCliTxnBuffer.h"
 #include "Wex/Collection.h"
 #include "Wex/Type.h"
+#include "../support/TempFile.h"
 
 namespace {
 
@@ -118,21 +119,6 @@ std::string readAll(int fd) {
     }
     return out;
 }
-
-// A file the dump writes to directly through its descriptor, read back afterwards.
-class TempFile {
-public:
-    TempFile() : file_(std::tmpfile()) { if (!file_) throw std::runtime_error("no temporary file"); }
-    ~TempFile() { std::fclose(file_); }
-    int fd() const { return fileno(file_); }
-    std::string contents() const {
-        ::lseek(fd(), 0, SEEK_SET);
-        return readAll(fd());
-    }
-
-private:
-    std::FILE* file_;
-};
 
 // A pipe whose read end another thread drains until the write end closes.
 class DrainedPipe {

@@ -17,6 +17,7 @@
 #include "Oru/TaskScheduler.h"
 #include "Termout/DumpStateWriterCallback.h"
 #include "Wex/Type.h"
+#include "../support/TempFile.h"
 
 namespace {
 
@@ -108,29 +109,6 @@ Wex::WexModuleRegistrar registrar("tests/ShowCommand", [](Wex::WexModule& m) {
         .base<AsynchShowCommandInstanceSm>()
         .maker(Agent::instanceSmMaker<EchoInstance>());
 });
-
-// A file a command writes to, read back afterwards.
-class TempFile {
-public:
-    TempFile() : file_(std::tmpfile()) { if (!file_) throw std::runtime_error("no temporary file"); }
-    ~TempFile() { std::fclose(file_); }
-    int fd() const { return fileno(file_); }
-    std::string contents() const {
-        std::string out;
-        char chunk[4096];
-        for (off_t at = 0;;) {
-            ssize_t const r = ::pread(fd(), chunk, sizeof chunk, at);
-            if (r < 0 && errno == EINTR) continue;
-            if (r <= 0) break;
-            out.append(chunk, static_cast<std::size_t>(r));
-            at += r;
-        }
-        return out;
-    }
-
-private:
-    std::FILE* file_;
-};
 
 bool memtrailHas(std::string const& text) {
     for (Memtrail::Record const* r : Memtrail::defaultHandle()->records())
