@@ -94,14 +94,12 @@ void ListenSm::hasNotificationActiveIs(bool active) {
 }
 
 void ListenSm::configJoinIs(bool join) noexcept {
-    if (join) listenConfig_->publisher().subscriberIs(&configSubscriber_);
-    else listenConfig_->publisher().subscriberDel(&configSubscriber_);
+    listenConfig_->publisher().subscriberActiveIs(&configSubscriber_, join);
 }
 
 void ListenSm::statusJoinIs(bool join) noexcept {
     if (!q7ListenStatus_) return;
-    if (join) q7ListenStatus_->publisher().subscriberIs(&statusSubscriber_);
-    else q7ListenStatus_->publisher().subscriberDel(&statusSubscriber_);
+    q7ListenStatus_->publisher().subscriberActiveIs(&statusSubscriber_, join);
 }
 
 void ListenSm::handleListenConfig() {

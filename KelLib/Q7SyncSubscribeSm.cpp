@@ -328,8 +328,7 @@ void SyncContainerSm::hasNotificationActiveIs(bool active) {
     PtrInterface::hasNotificationActiveIs(active);
     if (!subscribeConfig_) return;
     Lumo::Publisher* publisher = subscribeConfig_->notifieeList();
-    if (active) publisher->subscriberIs(this);
-    else publisher->subscriberDel(this);
+    publisher->subscriberActiveIs(this, active);
 }
 
 void SyncContainerSm::onPublish(Lumo::Publisher const&, Lumo::Change const& change) {
@@ -463,8 +462,7 @@ void SubscribeSm::hasNotificationActiveIs(bool active) {
     if (active != notificationActive()) {
         PtrInterface::hasNotificationActiveIs(active);
         for (Lumo::Publisher* publisher : {subscribeConfig_->notifieeList(), syncContainerStatus_->notifieeList()}) {
-            if (active) publisher->subscriberIs(this);
-            else publisher->subscriberDel(this);
+            publisher->subscriberActiveIs(this, active);
         }
     }
     for (auto const& sm : wexQ7SyncStatus_) sm->hasNotificationActiveIs(active);
@@ -665,8 +663,7 @@ void SyncContainerHandlerSm::hasNotificationActiveIs(bool active) {
     PtrInterface::hasNotificationActiveIs(active);
     if (!syncContainerStatus_) return;
     Lumo::Publisher* publisher = syncContainerStatus_->notifieeList();
-    if (active) publisher->subscriberIs(this);
-    else publisher->subscriberDel(this);
+    publisher->subscriberActiveIs(this, active);
 }
 
 void SyncContainerHandlerSm::onPublish(Lumo::Publisher const&, Lumo::Change const& change) {

@@ -41,6 +41,11 @@ public:
 
     void subscriberIs(Subscriber* s);
     void subscriberDel(Subscriber* s) noexcept;
+    // Joins (true) or leaves (false): what a reactor does as its notification goes on or off.
+    void subscriberActiveIs(Subscriber* s, bool active) {
+        if (active) subscriberIs(s);
+        else subscriberDel(s);
+    }
     bool subscriberHas(Subscriber const* s) const noexcept;
     std::size_t subscribers() const noexcept;
 

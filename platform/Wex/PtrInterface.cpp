@@ -67,8 +67,7 @@ void PtrInterface::NotifieeConst::notifierJoinIs(bool join) {
     if (join == joined_) return;
     Lumo::Publisher* list = notifier_ ? notifier_->notifieeList() : nullptr;
     if (list) {
-        if (join) list->subscriberIs(this);
-        else list->subscriberDel(this);
+        list->subscriberActiveIs(this, join);
     }
     joined_ = join && list;
 }
