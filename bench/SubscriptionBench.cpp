@@ -29,6 +29,7 @@
 #include "Agent/ShowCommand.h"
 #include "KelLib/Q7SyncModule.h"
 #include "KelLib/ShowQ7SyncDebugCallback.h"
+#include "Lumo/SmallBlocks.h"
 #include "Memtrail/Memtrail.h"
 #include "Oru/TaskScheduler.h"
 #include "Q7Sync/Service.h"
@@ -124,9 +125,10 @@ long residentKb() {
     return read == 2 ? resident * (::sysconf(_SC_PAGESIZE) / 1024) : -1;
 }
 
+// Bytes in use from malloc and from the small-block allocator.
 std::size_t heapBytes() {
     struct mallinfo2 mi = mallinfo2();
-    return mi.uordblks + mi.hblkhd;
+    return mi.uordblks + mi.hblkhd + Lumo::smallBlockBytesInUse();
 }
 
 // The writes made into the default Memtrail handle so far (the newest record's sequence).

@@ -10,6 +10,7 @@ PACKAGES=(
   libclang-rt-14-dev   # clang's ASan/UBSan/TSan/libFuzzer runtimes
   llvm                 # llvm-symbolizer: sanitizer reports with file:line
   libfmt-dev
+  libmimalloc-dev      # counted objects and strings come from it (README, Libraries)
   libgtest-dev libgmock-dev
   libbenchmark-dev
   libabsl-dev          # scripts/bench.sh builds the reference's lean program, which uses it

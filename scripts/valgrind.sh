@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Runs every test program of the g++ Debug build (build-test/, configured as stage (a) of
-# scripts/test.sh) under valgrind memcheck, child processes included, and prints last:
+# Runs every test program of a g++ Debug build (build-valgrind/, configured as stage (a) of
+# scripts/test.sh but with counted objects from malloc, which memcheck watches) under valgrind
+# memcheck, child processes included, and prints last:
 #   valgrind: N programs, E errors, B bytes lost
 # where B counts the bytes definitely or indirectly lost. Exits non-zero unless both are 0.
 #
@@ -10,18 +11,18 @@ set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 ROOT=$(pwd)
-BUILD="$ROOT/build-test"
+BUILD="$ROOT/build-valgrind"
 LOGS="$BUILD/valgrind"
 JOBS=2
 
 bash "$ROOT/scripts/setup.sh" valgrind
 
 if [[ -f "$BUILD/CMakeCache.txt" ]] && ! grep -qx 'CMAKE_GENERATOR:INTERNAL=Ninja' "$BUILD/CMakeCache.txt"; then
-  echo "note: build-test was configured with another generator; starting it afresh"
+  echo "note: build-valgrind was configured with another generator; starting it afresh"
   rm -rf "$BUILD"
 fi
 cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_CXX_COMPILER=g++ \
-  -DCMAKE_BUILD_TYPE=Debug -DQ7_SANITIZE= -DQ7_TESTS=ON -DQ7_THREAD_TESTS_ONLY=OFF -DQ7_FUZZ=OFF >/dev/null
+  -DCMAKE_BUILD_TYPE=Debug -DQ7_SANITIZE= -DQ7_TESTS=ON -DQ7_THREAD_TESTS_ONLY=OFF -DQ7_FUZZ=OFF -DQ7_MIMALLOC=OFF >/dev/null
 ninja -C "$BUILD" -j"$JOBS"
 
 mapfile -t programs < <(find "$BUILD/tests" -maxdepth 1 -type f -name '*Test' -perm -u+x | sort)

@@ -7,6 +7,8 @@
 #include <new>
 #include <ostream>
 
+#include "Lumo/SmallBlocks.h"
+
 namespace Lumo {
 
 // Eight bytes at a time with a multiply-xorshift mix: cheap for the short keys and URIs kept
@@ -33,9 +35,7 @@ std::uint32_t String::hashOf(std::string_view s) noexcept {
 }
 
 String::Rep* String::allocate(std::size_t size) {
-    void* mem = std::malloc(offsetof(Rep, data) + size + 1);
-    if (!mem) throw std::bad_alloc();
-    Rep* rep = static_cast<Rep*>(mem);
+    Rep* rep = static_cast<Rep*>(smallBlockNew(offsetof(Rep, data) + size + 1));
     rep->refs = 1;
     rep->size = static_cast<std::uint32_t>(size);
     rep->data[size] = '\0';
@@ -64,7 +64,7 @@ String String::concat(std::initializer_list<std::string_view> parts) {
     return out;
 }
 
-void String::destroy(Rep* rep) noexcept { std::free(rep); }
+void String::destroy(Rep* rep) noexcept { smallBlockDelete(rep, offsetof(Rep, data) + rep->size + 1); }
 
 std::ostream& operator<<(std::ostream& os, String const& s) { return os << s.view(); }
 

@@ -1,10 +1,12 @@
 // Wex::PtrInterface: the base of every counted framework object, and its one-object watcher.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "Lumo/Ptr.h"
 #include "Lumo/Publisher.h"
+#include "Lumo/SmallBlocks.h"
 
 namespace Wex {
 
@@ -54,6 +56,11 @@ public:
 
     // Live framework objects, counted in builds with lifecycle checks (0 otherwise).
     static long liveObjects() noexcept;
+
+    // Counted objects are made and freed by the thousand per second: they come from the small
+    // block lists. The virtual destructor hands delete the size of the most derived object.
+    static void* operator new(std::size_t size) { return Lumo::smallBlockNew(size); }
+    static void operator delete(void* object, std::size_t size) noexcept { Lumo::smallBlockDelete(object, size); }
 
 protected:
     PtrInterface() noexcept;
