@@ -4,6 +4,7 @@
 #include <array>
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -34,7 +35,13 @@ public:
     // The address as the operating system writes it.
     std::string stringValue() const;
 
-    static bool isEq(IpGenAddr const& a, IpGenAddr const& b) noexcept { return a == b; }
+    // Word by word: configurations compare their addresses on every look-up.
+    static bool isEq(IpGenAddr const& a, IpGenAddr const& b) noexcept {
+        std::uint64_t x[2], y[2];
+        std::memcpy(x, a.bytes_.data(), sizeof x);
+        std::memcpy(y, b.bytes_.data(), sizeof y);
+        return a.family_ == b.family_ && x[0] == y[0] && x[1] == y[1];
+    }
     friend bool operator==(IpGenAddr const&, IpGenAddr const&) noexcept = default;
     // Family first, then the address bytes.
     friend std::strong_ordering operator<=>(IpGenAddr const&, IpGenAddr const&) noexcept = default;

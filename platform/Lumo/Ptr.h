@@ -52,17 +52,19 @@ private:
 };
 
 // An object whose dynamic type is T itself is cast statically: dynamic_cast walks the class
-// hierarchy for every cast, and the framework casts directories and containers to their
-// own type all the time.
+// hierarchy for every cast, and the framework casts directories, containers and requests to
+// their own type all the time. T may be const-qualified.
 template <class T, class U>
-Ptr<T> ptr_cast(Ptr<U> const& p) noexcept {
-    U* const u = p.ptr();
-    if (!u) return Ptr<T>();
+T* object_cast(U* u) noexcept {
+    if (!u) return nullptr;
     // cppcheck-suppress constStatement ; a requires-expression, which cppcheck reads as a statement
     if constexpr (std::is_polymorphic_v<U> && requires { static_cast<T*>(u); })
-        if (typeid(*u) == typeid(T)) return Ptr<T>(static_cast<T*>(u));
-    return Ptr<T>(dynamic_cast<T*>(u));
+        if (typeid(*u) == typeid(T)) return static_cast<T*>(u);
+    return dynamic_cast<T*>(u);
 }
+
+template <class T, class U>
+Ptr<T> ptr_cast(Ptr<U> const& p) noexcept { return Ptr<T>(object_cast<T>(p.ptr())); }
 
 template <class T, class U>
 Ptr<T> static_ptr_cast(Ptr<U> const& p) noexcept { return Ptr<T>(static_cast<T*>(p.ptr())); }

@@ -2,35 +2,60 @@
 #include "Lumo/String.h"
 
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
-#include <new>
 #include <ostream>
 
 #include "Lumo/SmallBlocks.h"
 
 namespace Lumo {
 
-// Eight bytes at a time with a multiply-xorshift mix: cheap for the short keys and URIs kept
-// here, and well spread in the low bits that open-addressing tables use.
+namespace {
+
+std::uint64_t load64(unsigned char const* p) noexcept {
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+std::uint64_t load32(unsigned char const* p) noexcept {
+    std::uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+// The 128-bit product folded to 64 bits: one multiply mixes both words fully.
+std::uint64_t mum(std::uint64_t a, std::uint64_t b) noexcept {
+    __uint128_t const r = static_cast<__uint128_t>(a) * b;
+    return static_cast<std::uint64_t>(r) ^ static_cast<std::uint64_t>(r >> 64);
+}
+constexpr std::uint64_t kMix0 = 0xa0761d6478bd642full, kMix1 = 0xe7037ed1a0b428dbull;
+
+} // namespace
+
+// Sixteen bytes per multiply, the last (or only) ones read as two overlapping words: the keys
+// and URIs kept here are 2 to 60 bytes long, and are hashed once each, when they are made.
 std::uint32_t String::hashOf(std::string_view s) noexcept {
     if (s.empty()) return kEmptyHash;
     auto const* p = reinterpret_cast<unsigned char const*>(s.data());
-    std::size_t n = s.size();
-    std::uint64_t h = 0x9e3779b97f4a7c15ull ^ n;
-    std::uint64_t w;
-    while (n >= 8) {
-        std::memcpy(&w, p, 8);
-        h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
-        h ^= h >> 29;
-        p += 8;
-        n -= 8;
+    std::size_t const n = s.size();
+    std::uint64_t seed = kMix1 ^ n;
+    std::uint64_t a, b;
+    if (n <= 16) {
+        if (n >= 8) {
+            a = load64(p);
+            b = load64(p + n - 8);
+        } else if (n >= 4) {
+            a = load32(p);
+            b = load32(p + n - 4);
+        } else {
+            a = (std::uint64_t(p[0]) << 16) | (std::uint64_t(p[n >> 1]) << 8) | p[n - 1];
+            b = 0;
+        }
+    } else {
+        std::size_t left = n;
+        for (; left > 16; left -= 16, p += 16) seed = mum(load64(p) ^ kMix0, load64(p + 8) ^ seed);
+        a = load64(p + left - 16);
+        b = load64(p + left - 8);
     }
-    w = 0;
-    std::memcpy(&w, p, n);
-    h = (h ^ w) * 0x94d049bb133111ebull;
-    h ^= h >> 31;
-    h *= 0xbf58476d1ce4e5b9ull;
+    std::uint64_t const h = mum(a ^ kMix0, b ^ seed);
     return static_cast<std::uint32_t>(h ^ (h >> 32));
 }
 
@@ -62,6 +87,10 @@ String String::concat(std::initializer_list<std::string_view> parts) {
     }
     out.rep_->hash = hashOf(out.view());
     return out;
+}
+
+bool String::sameText(String const& a, String const& b) noexcept {
+    return a.hash() == b.hash() && a.view() == b.view();
 }
 
 void String::destroy(Rep* rep) noexcept { smallBlockDelete(rep, offsetof(Rep, data) + rep->size + 1); }

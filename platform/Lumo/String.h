@@ -42,9 +42,8 @@ public:
     // The parts joined, written straight into the new buffer.
     static String concat(std::initializer_list<std::string_view> parts);
 
-    friend bool operator==(String const& a, String const& b) noexcept {
-        return a.rep_ == b.rep_ || (a.hash() == b.hash() && a.view() == b.view());
-    }
+    // Copies of one string share the buffer: that case is decided inline.
+    friend bool operator==(String const& a, String const& b) noexcept { return a.rep_ == b.rep_ || sameText(a, b); }
     friend bool operator==(String const& a, std::string_view b) noexcept { return a.view() == b; }
     friend bool operator==(String const& a, char const* b) noexcept { return a.view() == b; }
     friend std::strong_ordering operator<=>(String const& a, String const& b) noexcept { return a.view() <=> b.view(); }
@@ -58,6 +57,7 @@ private:
     };
     static constexpr std::uint32_t kEmptyHash = 0x811c9dc5u;
     static Rep* allocate(std::size_t size);
+    static bool sameText(String const& a, String const& b) noexcept;
     static void destroy(Rep* rep) noexcept;
     Rep* rep_ = nullptr;
 };

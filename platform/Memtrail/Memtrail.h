@@ -126,7 +126,7 @@ public:
         if (level >= kLevels) level = kLevels - 1;
         Ring& r = rings_[level];
         r.slots[r.next].assign(level, handle, cls, func, format, ++sequence_, std::forward<S>(args)...);
-        r.next = (r.next + 1) % capacity_;
+        if (++r.next == capacity_) r.next = 0;
         if (r.count < capacity_) ++r.count;
     }
 

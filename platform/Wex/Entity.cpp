@@ -17,6 +17,12 @@ Lumo::Ptr<Entity> Dir::createEntity(std::string_view typeName, Lumo::String cons
     if (Lumo::Ptr<Entity> held = entity_.get(name)) return held;
     WexType const* type = typeNode(typeName);
     if (!type) throw NewEntityArgsException(typeName, "typeName", "names no registered type");
+    return createEntity(type, name);
+}
+
+Lumo::Ptr<Entity> Dir::createEntity(WexType const* type, Lumo::String const& name) {
+    if (!type) throw NullArgumentException("type");
+    if (Lumo::Ptr<Entity> held = entity_.get(name)) return held;
     Lumo::Ptr<Entity> e = type->newEntity(name);
     entity_.set(e);
     e->handleParent(this);

@@ -39,6 +39,8 @@ public:
     // The child named `name`, created with the type named `typeName` when there is none.
     // An existing child is returned whatever its type.
     Lumo::Ptr<Entity> createEntity(std::string_view typeName, Lumo::String const& name);
+    // The same with the type itself, for callers that hold it: no look-up by name.
+    Lumo::Ptr<Entity> createEntity(WexType const* type, Lumo::String const& name);
     Lumo::Ptr<Entity> entityPtr(Lumo::String const& name) const { return entity_.get(name); }
     // Removes the child and returns it (null when there was none).
     Lumo::Ptr<Entity> deleteEntity(Lumo::String const& name);

@@ -35,9 +35,10 @@ public:
 
     template <class... S>
     void trace(unsigned level, char const* cls, char const* func, std::string_view format, S&&... args) {
-        if (Memtrail::Handle* m = Memtrail::defaultHandle())
-            m->write(level, name_, cls, func, format, args...);
         if (levelOn(level)) emit(level, cls, func, fmt::vformat(format, fmt::make_format_args(args...)));
+        // The arguments are this call's own copies: the record takes them over.
+        if (Memtrail::Handle* m = Memtrail::defaultHandle())
+            m->write(level, name_, cls, func, format, std::forward<S>(args)...);
     }
 
 private:

@@ -1,6 +1,8 @@
 // Counted pointers and the lifecycle checks of the framework's counted objects.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -78,6 +80,22 @@ TEST(String, CopiesShareTheTextAndCompareByContent) {
     EXPECT_TRUE(Lumo::String("").empty());
     EXPECT_EQ(Lumo::String().size(), 0u);
     EXPECT_STREQ(Lumo::String().c_str(), "");
+}
+
+// Each length up to four words, each byte in turn: a hash that skipped a byte (in the middle
+// of a long text, or between the overlapping tail words) would give two of them one hash.
+TEST(String, EveryByteOfTheTextChangesTheHash) {
+    for (std::size_t n = 1; n <= 64; ++n) {
+        std::string const base(n, 'a');
+        std::set<std::uint32_t> hashes{Lumo::String(base).hash()};
+        for (std::size_t i = 0; i < n; ++i) {
+            std::string changed = base;
+            changed[i] = 'b';
+            hashes.insert(Lumo::String(changed).hash());
+        }
+        EXPECT_EQ(hashes.size(), n + 1) << "length " << n;
+        EXPECT_EQ(Lumo::String(base).hash(), Lumo::String(std::string_view(base)).hash());
+    }
 }
 
 #ifndef NDEBUG

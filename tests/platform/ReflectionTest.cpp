@@ -94,6 +94,10 @@ TEST(Directory, CreatesByTypeNameReturnsTheHeldChildAndDeletes) {
     EXPECT_EQ(dir->entities(), 1u);
     EXPECT_THROW(dir->createEntity("Test::Nothing", "b"), Wex::NewEntityArgsException);
     EXPECT_EQ(dir->entities(), 1u);
+    // By the type itself: the same, without the look-up by name.
+    EXPECT_EQ(dir->createEntity(Wex::typeNode("Test::Widget"), "a"), a);
+    EXPECT_THROW(dir->createEntity(static_cast<Wex::WexType const*>(nullptr), "b"), Wex::NullArgumentException);
+    EXPECT_EQ(dir->entities(), 1u);
     Lumo::Ptr<Wex::Entity> sub = dir->createEntity("Wex::Dir", "sub");
     EXPECT_TRUE(Lumo::ptr_cast<Wex::Dir>(sub));
     EXPECT_EQ(dir->deleteEntity("a"), a);
