@@ -36,7 +36,7 @@ Lumo::Ptr<SyncContainer> SyncContainer::create(Lumo::Ptr<Wex::Dir> const& dir, P
     Wex::WexType const* type = config.syncContainerType();
     if (!type) throw Wex::NullArgumentException("syncContainerType");
     // createEntity returns what dir already holds under the name, whatever its type.
-    Lumo::Ptr<Wex::Entity> entity = dir->createEntity(type->name(), config.syncContainerKey());
+    Lumo::Ptr<Wex::Entity> entity = dir->createEntity(type, config.syncContainerKey());
     Lumo::Ptr<SyncContainer> container = Lumo::ptr_cast<SyncContainer>(entity);
     Wex::WexType const* heldType = entity->fwkType();
     if (!container || !heldType || !heldType->isDerived(type))

@@ -153,8 +153,6 @@ PathSubscribeConfig PathSubscribeConfig::createWriteSyncConfig(Kivu::IpGenAddr c
                                syncContainerType, flags);
 }
 
-static_assert(sizeof(Kivu::IpGenAddr) == 17, "isEq compares addresses as their bytes: no padding");
-
 bool operator<(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
     if (!Kivu::IpGenAddr::isEq(a.remoteAddr_, b.remoteAddr_)) return a.remoteAddr_ < b.remoteAddr_;
     if (a.remotePort_ != b.remotePort_) return a.remotePort_ < b.remotePort_;
@@ -237,7 +235,7 @@ Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> PathSubscribeRequestLifeTimeNoti
     PathSubscribeRequestLifeTimeNotifierIs(Lumo::Ptr<Oru::DedupHandleBase const> const& handle) {
     if (!handle) throw Wex::NullArgumentException("handle");
     // requestRawPtr() relies on the handle being a request.
-    if (!dynamic_cast<PathSubscribeRequest const*>(handle.ptr()))
+    if (!Lumo::object_cast<PathSubscribeRequest const>(handle.ptr()))
         throw Wex::NewEntityArgsException(kLtnTypeName, "handle", "is not a Kel::Q7Sync::PathSubscribeRequest");
     Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> ltn(new PathSubscribeRequestLifeTimeNotifier(handle));
     ltn->hasNotificationActiveIs(true);
@@ -292,7 +290,7 @@ void PathSubscribeRequest::lifeTimeNotifierIs(
 std::uint32_t PathSubscribeRequest::hash() const noexcept { return pathSubscribeConfig_.hash(0); }
 
 bool PathSubscribeRequest::compare(Oru::DedupHandleBase const* other) const noexcept {
-    auto const* request = dynamic_cast<PathSubscribeRequest const*>(other);
+    auto const* request = Lumo::object_cast<PathSubscribeRequest const>(other);
     return request && PathSubscribeConfig::isEq(pathSubscribeConfig_, request->pathSubscribeConfig_);
 }
 

@@ -61,7 +61,7 @@ public:
     static bool isEq(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
         return a.hash0_ == b.hash0_ && a.remotePort_ == b.remotePort_ && a.flags_ == b.flags_ &&
                a.syncContainerType_ == b.syncContainerType_ &&
-               std::memcmp(&a.remoteAddr_, &b.remoteAddr_, sizeof(Kivu::IpGenAddr)) == 0 &&
+               Kivu::IpGenAddr::isEq(a.remoteAddr_, b.remoteAddr_) &&
                a.remotePath_ == b.remotePath_ && a.syncContainerKey_ == b.syncContainerKey_ &&
                a.remoteAgentKey_ == b.remoteAgentKey_ && a.localUri_ == b.localUri_ && a.remoteUri_ == b.remoteUri_;
     }

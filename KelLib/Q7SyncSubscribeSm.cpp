@@ -122,7 +122,7 @@ Lumo::Ptr<PathSubscribeRequestSetForUri> PathSubscribeRequestNotifiee::requestSe
 }
 
 void PathSubscribeRequestNotifiee::handleInsert(Lumo::Ptr<Oru::DedupHandleBase> const& handle) const {
-    auto* request = dynamic_cast<PathSubscribeRequest*>(handle.ptr());
+    auto* request = Lumo::object_cast<PathSubscribeRequest>(handle.ptr());
     if (!invariant(request != nullptr, __func__, "request is a PathSubscribeRequest")) return;
     // A request tracked already stays as it is filed.
     if (!invariant(request->lifeTimeNotifier() == nullptr, __func__, "request->lifeTimeNotifier() == nullptr")) return;
@@ -150,7 +150,7 @@ void PathSubscribeRequestNotifiee::addRequestToSet(Lumo::Ptr<PathSubscribeReques
 // Called with the request still whole, from its last release: nothing here may take a counted
 // pointer to it.
 void PathSubscribeRequestNotifiee::handleRemove(Oru::DedupHandleBase* handle) const {
-    auto* request = dynamic_cast<PathSubscribeRequest*>(handle);
+    auto* request = Lumo::object_cast<PathSubscribeRequest>(handle);
     if (!invariant(request != nullptr, __func__, "request is a PathSubscribeRequest")) return;
     // Held here so that it outlives the bookkeeping below.
     RequestLtn const lifeTimeNotifier = request->lifeTimeNotifier();
@@ -371,7 +371,7 @@ void SyncContainerSm::addContainer(PathSubscribeConfig const& config) {
     Lumo::Ptr<SyncContainer> container;
     std::string failure;
     try {
-        auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->createEntity("Wex::Dir", config.remoteAgentKey()));
+        auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->createEntity(Wex::wexTypeOf<Wex::Dir>(), config.remoteAgentKey()));
         if (agentDir) container = SyncContainer::create(agentDir, config);
         else failure = "its remoteAgentKey names an entity that is not a directory";
     } catch (std::exception const& e) {
