@@ -3,12 +3,10 @@
 
 #include <cstddef>
 #include <string_view>
-#include <functional>
 
 #include "Lumo/Ptr.h"
 #include "Termout/DumpStateWriterCallback.h"
 #include "Termout/NonBlockingCliTxnBuffer.h"
-#include "Wex/Collection.h"
 #include "Wex/PtrInterface.h"
 
 namespace Oru {
@@ -17,8 +15,7 @@ namespace Oru {
 struct CompressedFile;
 
 // One dump. Text goes to the writer when one is given, else to `fd` (through a buffer of
-// its own), else nowhere. Every object shown is remembered, so a dump never shows an object
-// twice and never loops.
+// its own), else nowhere. A walk from one root shows each object once and never loops.
 class DumpContext : public Wex::PtrInterface {
 public:
     static constexpr unsigned kDepthLimit = 64;
@@ -46,14 +43,17 @@ public:
     // Hands what is buffered to the descriptor (the writer's buffer, or the context's own).
     void flush() noexcept;
 
-    // Records `object` as shown; false when it was shown already.
-    bool visitedIs(Wex::PtrInterface const* object) {
-        if (visited_.find(object) != visited_.npos) return false;
-        visited_.insertNew(object);
+    // Records `object` as shown; false when it was shown already. The mark is kept in the
+    // object itself (see Wex::PtrInterface::walkMarked), and the walk that set it clears it
+    // before it returns: a dump of any size keeps nothing but its path.
+    bool visitedIs(Wex::PtrInterface const* object) noexcept {
+        if (object->walkMarked()) return false;
+        object->walkMarkedIs(true);
+        ++objectsShown_;
         return true;
     }
-    bool visited(Wex::PtrInterface const* object) const noexcept { return visited_.find(object) != visited_.npos; }
-    std::size_t objectsShown() const noexcept { return visited_.size(); }
+    bool visited(Wex::PtrInterface const* object) const noexcept { return object->walkMarked(); }
+    std::size_t objectsShown() const noexcept { return objectsShown_; }
 
     Wex::WexType const* fwkType() const noexcept override;
 
@@ -68,11 +68,7 @@ private:
     bool followWeakReferences_ = true;
     Lumo::Ptr<Termout::DumpStateWriterCallback> writer_;
     Lumo::Ptr<Termout::NonBlockingCliTxnBuffer> fdBuffer_;
-    // The one thing a dump keeps as it goes: eight bytes a slot, no node per object shown.
-    struct AddressHash {
-        std::size_t operator()(Wex::PtrInterface const* p) const noexcept { return std::hash<Wex::PtrInterface const*>{}(p); }
-    };
-    Wex::detail::FlatSet<Wex::PtrInterface const*, AddressHash, std::equal_to<>> visited_;
+    std::size_t objectsShown_ = 0;
 };
 
 } // namespace Oru

@@ -12,6 +12,9 @@ namespace Wex {
 namespace { std::atomic<long> gLive{0}; }
 #endif
 
+// Every object of the framework carries these: a count and a byte of flags beside the vtable.
+static_assert(sizeof(PtrInterface) == sizeof(void*) + 8);
+
 void lifecycleFailure(char const* what, void const* object) noexcept {
     std::fprintf(stderr, "Wex lifecycle check failed: %s (object %p)\n", what, object);
     std::abort();

@@ -432,3 +432,30 @@ TEST(CliTxnBuffer, BadConstructionIsRefused) {
 }
 
 } // namespace
+
+// The marks a walk sets in the objects must all be gone when it returns, also for an object met
+// first past the depth limit and shown later, and for one whose read throws; else a second walk
+// would call them already shown.
+TEST_F(DumpTest, AWalkLeavesNoMarkSoTheNextOneShowsEverythingAgain) {
+    auto root = node("root");
+    std::vector<Lumo::Ptr<Node>> all{root};
+    Node* last = root.ptr();
+    for (int i = 1; i <= 4; ++i) {
+        last->child = node("n", i);
+        all.push_back(last->child);
+        last = last->child.ptr();
+    }
+    root->members.set(all[4]);  // past the depth limit through the chain, shown through the set
+    all[2]->fragile = true;
+    all[4]->child = root;  // and a cycle
+    TempFile file;
+    Lumo::Ptr<Oru::DumpContext> ctx(new Oru::DumpContext(file.fd(), nullptr, 3));
+    for (int round = 0; round < 2; ++round) {
+        Oru::Impl::doObjDumpChildPtrGeneric(root, nullptr, *ctx, 0);
+        for (auto const& n : all) EXPECT_FALSE(n->walkMarked()) << n->name() << " in round " << round;
+    }
+    EXPECT_EQ(ctx->objectsShown(), 2 * all.size());
+    ctx = nullptr;
+    EXPECT_EQ(occurrences(file.contents(), "(DumpTest::Node, not shown: depth limit)"), 2u);
+    all[4]->child = nullptr;
+}
