@@ -15,7 +15,7 @@ namespace Kel::Q7Sync {
 
 namespace {
 // One trace handle for every reactor of this unit, made on first use.
-Wex::TraceHandle& traceHandle() {
+[[gnu::always_inline]] inline Wex::TraceHandle& traceHandle() {
     static Wex::TraceHandle handle("KelQ7SyncSubscribeSm", false);
     return handle;
 }
@@ -64,9 +64,13 @@ constexpr char kNotifiee[] = "PathSubscribeRequestNotifiee";
 
 // An invariant of the request bookkeeping. A failure is recorded at level 0 with the check's
 // text and the caller carries on with whatever keeps its state consistent.
-bool invariant(bool holds, char const* function, char const* check) {
-    if (!holds) Wex::traceWrite(traceHandle(), 0, kNotifiee, function, "{}", check);
-    return holds;
+[[gnu::noinline, gnu::cold]] bool invariantFailed(char const* function, char const* check) {
+    Wex::traceWrite(traceHandle(), 0, kNotifiee, function, "{}", check);
+    return false;
+}
+// Checked on every request event: the holding case costs a test and nothing more.
+inline bool invariant(bool holds, char const* function, char const* check) {
+    return holds ? true : invariantFailed(function, check);
 }
 } // namespace
 

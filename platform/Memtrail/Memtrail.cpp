@@ -54,21 +54,21 @@ Handle& processHandle() {
     static Handle handle;
     return handle;
 }
-Handle* gDefault = nullptr;
-bool gDefaultChosen = false;
 } // namespace
 
-Handle* defaultHandle() noexcept {
-    if (!gDefaultChosen) {
-        gDefaultChosen = true;
-        gDefault = &processHandle();
-    }
+Handle* detail::gDefault = nullptr;
+bool detail::gDefaultChosen = false;
+
+// The first trace point of a process that chose none gets the framework's own handle.
+Handle* detail::defaultHandleChosen() noexcept {
+    gDefault = &processHandle();
+    gDefaultChosen = true;
     return gDefault;
 }
 
 void defaultHandleIs(Handle* handle) noexcept {
-    gDefaultChosen = true;
-    gDefault = handle;
+    detail::gDefault = handle;
+    detail::gDefaultChosen = true;
 }
 
 } // namespace Memtrail

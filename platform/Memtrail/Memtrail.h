@@ -149,9 +149,17 @@ private:
     std::array<Ring, kLevels> rings_;
 };
 
+namespace detail {
+extern Handle* gDefault;
+extern bool gDefaultChosen;
+Handle* defaultHandleChosen() noexcept;
+} // namespace detail
+
 // The process's default handle; trace points write into it when it is set. The framework
-// sets one at start-up; a process may replace it or set none.
-Handle* defaultHandle() noexcept;
+// sets one at start-up; a process may replace it or set none. Inline: every trace point asks.
+inline Handle* defaultHandle() noexcept {
+    return detail::gDefaultChosen ? detail::gDefault : detail::defaultHandleChosen();
+}
 void defaultHandleIs(Handle* handle) noexcept;
 
 } // namespace Memtrail
