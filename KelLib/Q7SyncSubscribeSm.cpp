@@ -584,7 +584,7 @@ Wex::WexType const* SubscribeSm::fwkType() const noexcept { return Wex::wexTypeO
 // SubscribeSm::Q7SyncStatusSm
 
 SubscribeSm::Q7SyncStatusSm::Q7SyncStatusSm(Lumo::Ptr<SyncStatus const> const& status, SubscribeSm* subscribeSm)
-    : subscribeSm_(subscribeSm) {
+    : subscribeSm_(subscribeSm), remoteUri_(status ? status->uri() : Lumo::String()) {
     // Not this class's notifierIs: a new watcher reports changes, not the state it finds.
     NotifieeConst::notifierIs(Lumo::ptr_cast<SyncStatus const>(status));
 }
@@ -594,16 +594,11 @@ SubscribeSm::Q7SyncStatusSm::~Q7SyncStatusSm() {
     PtrInterface::wexDoZombieReactors(true);
 }
 
-Lumo::String const& SubscribeSm::Q7SyncStatusSm::remoteUri() const noexcept {
-    static Lumo::String const none;
-    SyncStatus const* status = syncStatus();
-    return status ? status->uri() : none;
-}
-
 void SubscribeSm::Q7SyncStatusSm::notifierIs(Lumo::Ptr<Wex::PtrInterface const> const& p) {
     Lumo::Ptr<SyncStatus const> const status = Lumo::ptr_cast<SyncStatus const>(p);
     if (status.ptr() == syncStatus()) return;
     NotifieeConst::notifierIs(status);
+    remoteUri_ = status ? status->uri() : Lumo::String();
     if (status && !zombie()) handleSyncStatus();
 }
 

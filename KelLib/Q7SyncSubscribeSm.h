@@ -263,7 +263,9 @@ public:
         Lumo::Ptr<SyncStatus const> q7SyncStatus() const noexcept { return Lumo::Ptr<SyncStatus const>(syncStatus()); }
         void q7SyncStatusIs(Lumo::Ptr<SyncStatus const> const& status) { notifierIs(status); }
         // The uri of the watched status, empty when it watches none; the owner's key for it.
-        Lumo::String const& remoteUri() const noexcept;
+        // Kept here with each new notifier, so that a look-up in the owner's map reads no
+        // further than the reactor.
+        Lumo::String const& remoteUri() const noexcept { return remoteUri_; }
 
         // Watches p when it is a SyncStatus (anything else counts as null) and traces a new
         // status at once.
@@ -281,6 +283,7 @@ public:
         SyncStatus const* syncStatus() const noexcept { return static_cast<SyncStatus const*>(notifier().ptr()); }
 
         SubscribeSm* subscribeSm_;
+        Lumo::String remoteUri_;
     };
 
     static constexpr Wex::AttributeId kQ7SyncStatus = 136;
