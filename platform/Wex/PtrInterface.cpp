@@ -41,9 +41,11 @@ long PtrInterface::liveObjects() noexcept {
 #endif
 }
 
+// An object counted atomically is counted from other threads too: its checks read nothing but
+// the atomic count, as the flags beside it are the framework thread's.
 void PtrInterface::newRefSlow() const noexcept {
 #ifdef WEX_LIFECYCLE_CHECKS
-    if (dying_) lifecycleFailure("count taken during destruction", this);
+    if (!atomicCount_ && dying_) lifecycleFailure("count taken during destruction", this);
 #endif
     if (atomicCount_) std::atomic_ref<std::uint32_t>(refs_).fetch_add(1, std::memory_order_relaxed);
     else ++refs_;
@@ -51,7 +53,7 @@ void PtrInterface::newRefSlow() const noexcept {
 
 void PtrInterface::deleteRefSlow() const noexcept {
 #ifdef WEX_LIFECYCLE_CHECKS
-    if (refs_ == 0 && !atomicCount_) lifecycleFailure("count underflow", this);
+    if (!atomicCount_ && refs_ == 0) lifecycleFailure("count underflow", this);
 #endif
     std::uint32_t const left = atomicCount_ ? std::atomic_ref<std::uint32_t>(refs_).fetch_sub(1, std::memory_order_acq_rel) - 1
                                             : --refs_;
