@@ -62,8 +62,8 @@ public:
     // Live framework objects, counted in builds with lifecycle checks (0 otherwise).
     static long liveObjects() noexcept;
 
-    // Counted objects are made and freed by the thousand per second: they come from the small
-    // block lists. The virtual destructor hands delete the size of the most derived object.
+    // Counted objects are made and freed by the thousand per second: their memory comes from
+    // the small-block allocator (Lumo/SmallBlocks.h).
     static void* operator new(std::size_t size) { return Lumo::smallBlockNew(size); }
     static void operator delete(void* object, std::size_t size) noexcept { Lumo::smallBlockDelete(object, size); }
 

@@ -35,10 +35,14 @@ public:
 
     template <class... S>
     void trace(unsigned level, char const* cls, char const* func, std::string_view format, S&&... args) {
-        if (levelOn(level)) emit(level, cls, func, fmt::vformat(format, fmt::make_format_args(args...)));
-        // The arguments are this call's own copies: the record takes them over.
-        if (Memtrail::Handle* m = Memtrail::defaultHandle())
-            m->write(level, name_, cls, func, format, std::forward<S>(args)...);
+        Memtrail::Handle* const m = Memtrail::defaultHandle();
+        if (!levelOn(level)) {
+            // The arguments are this call's own copies: the record takes them over.
+            if (m) m->write(level, name_, cls, func, format, std::forward<S>(args)...);
+            return;
+        }
+        if (m) m->write(level, name_, cls, func, format, args...);
+        emit(level, cls, func, fmt::vformat(format, fmt::make_format_args(args...)));
     }
 
 private:
