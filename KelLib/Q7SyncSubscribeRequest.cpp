@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "KelLib/Q7SyncContainer.h"
+#include "Lumo/SmallBlocks.h"
 #include "Oru/WeakRef.h"
 #include "Wex/Hash.h"
 
@@ -92,41 +93,55 @@ std::string_view formatAgentKey(char (&buf)[64], Kivu::IpGenAddr const& addr, st
     return std::string_view(buf, std::size_t(w - buf));
 }
 
-PathSubscribeConfig const& defaultConfig() {
-    static PathSubscribeConfig const value;
-    return value;
-}
 } // namespace
 
-// Every container starts with the default value: its hash is the same each time.
-PathSubscribeConfig::PathSubscribeConfig() noexcept {
-    static std::uint32_t const defaultHash = computeHash(0);
-    hash0_ = defaultHash;
+void* PathSubscribeConfig::Fields::operator new(std::size_t size) { return Lumo::smallBlockNew(size); }
+void PathSubscribeConfig::Fields::operator delete(void* p, std::size_t size) noexcept { Lumo::smallBlockDelete(p, size); }
+
+PathSubscribeConfig::Fields const& PathSubscribeConfig::defaultFields() noexcept {
+    static Fields const value = [] {
+        Fields f;
+        f.hash0 = computeHash(f, 0);
+        return f;
+    }();
+    return value;
+}
+
+void PathSubscribeConfig::destroy(Fields* fields) noexcept { delete fields; }
+
+PathSubscribeConfig PathSubscribeConfig::made(std::unique_ptr<Fields> fields) {
+    fields->hash0 = computeHash(*fields, 0);
+    return PathSubscribeConfig(fields.release());
 }
 
 PathSubscribeConfig::PathSubscribeConfig(Kivu::IpGenAddr const& remoteAddr, std::uint32_t remotePort,
                                          Lumo::String remotePath, Lumo::String syncContainerKey,
-                                         Wex::WexType const* syncContainerType, SyncRequestFlags flags)
-    : remoteAddr_(remoteAddr), remotePort_(remotePort), remotePath_(std::move(remotePath)),
-      syncContainerKey_(std::move(syncContainerKey)), syncContainerType_(syncContainerType), flags_(flags) {
-    handleInitialized();
-    hash0_ = computeHash(0);
+                                         Wex::WexType const* syncContainerType, SyncRequestFlags flags) {
+    auto f = std::make_unique<Fields>();
+    f->remoteAddr = remoteAddr;
+    f->remotePort = remotePort;
+    f->remotePath = std::move(remotePath);
+    f->syncContainerKey = std::move(syncContainerKey);
+    f->syncContainerType = syncContainerType;
+    f->flags = flags;
+    handleInitialized(*f);
+    *this = made(std::move(f));
 }
 
-void PathSubscribeConfig::handleInitialized() {
-    if (remoteAddr_.isUnspecified()) return;
+void PathSubscribeConfig::handleInitialized(Fields& f) {
+    if (f.remoteAddr.isUnspecified()) return;
     Wex::WexType const* base = Wex::wexTypeOf<SyncContainer>();
-    if (!syncContainerType_ || !base || !syncContainerType_->isDerived(base))
+    if (!f.syncContainerType || !base || !f.syncContainerType->isDerived(base))
         throw Wex::NewEntityArgsException(kTypeName, "syncContainerType",
                                           fmt::format("must be Kel::Q7Sync::SyncContainer or derived from it, not {}",
-                                                      syncContainerType_ ? syncContainerType_->name() : "no type"));
+                                                      f.syncContainerType ? f.syncContainerType->name() : "no type"));
     // Made by hand on the stack: this runs for every dedup, hits included, and the generic
     // formatters (and inet_ntop's sprintf for IPv4) cost more than the rest of a hit.
     char agentKey[64];
-    remoteAgentKey_ = Lumo::String(formatAgentKey(agentKey, remoteAddr_, remotePort_));
-    std::string_view const key = remoteAgentKey_.view();
-    localUri_ = Lumo::String::concat({"/q7/remote/", key, "/", syncContainerKey_.view(), "/", kSyncAttribute});
-    remoteUri_ = Lumo::String::concat({key, remotePath_.startsWith("/") ? "" : "/", remotePath_.view()});
+    f.remoteAgentKey = Lumo::String(formatAgentKey(agentKey, f.remoteAddr, f.remotePort));
+    std::string_view const key = f.remoteAgentKey.view();
+    f.localUri = Lumo::String::concat({"/q7/remote/", key, "/", f.syncContainerKey.view(), "/", kSyncAttribute});
+    f.remoteUri = Lumo::String::concat({key, f.remotePath.startsWith("/") ? "" : "/", f.remotePath.view()});
 }
 
 PathSubscribeConfig PathSubscribeConfig::createWithContainerTypeString(Kivu::IpGenAddr const& remoteAddr,
@@ -153,31 +168,40 @@ PathSubscribeConfig PathSubscribeConfig::createWriteSyncConfig(Kivu::IpGenAddr c
                                syncContainerType, flags);
 }
 
-bool operator<(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
-    if (!Kivu::IpGenAddr::isEq(a.remoteAddr_, b.remoteAddr_)) return a.remoteAddr_ < b.remoteAddr_;
-    if (a.remotePort_ != b.remotePort_) return a.remotePort_ < b.remotePort_;
-    if (auto c = a.remotePath_ <=> b.remotePath_; c != 0) return c < 0;
-    if (auto c = a.syncContainerKey_ <=> b.syncContainerKey_; c != 0) return c < 0;
-    if (a.syncContainerType_ != b.syncContainerType_) return Wex::typeLess(a.syncContainerType_, b.syncContainerType_);
-    if (a.flags_ != b.flags_) return std::uint8_t(a.flags_) < std::uint8_t(b.flags_);
-    if (auto c = a.remoteAgentKey_ <=> b.remoteAgentKey_; c != 0) return c < 0;
-    if (auto c = a.localUri_ <=> b.localUri_; c != 0) return c < 0;
-    return (a.remoteUri_ <=> b.remoteUri_) < 0;
+bool PathSubscribeConfig::sameFields(Fields const& a, Fields const& b) noexcept {
+    return a.remotePort == b.remotePort && a.flags == b.flags && a.syncContainerType == b.syncContainerType &&
+           Kivu::IpGenAddr::isEq(a.remoteAddr, b.remoteAddr) && a.remotePath == b.remotePath &&
+           a.syncContainerKey == b.syncContainerKey && a.remoteAgentKey == b.remoteAgentKey &&
+           a.localUri == b.localUri && a.remoteUri == b.remoteUri;
 }
 
-std::uint32_t PathSubscribeConfig::computeHash(std::uint32_t seed) const noexcept {
+bool operator<(PathSubscribeConfig const& x, PathSubscribeConfig const& y) noexcept {
+    auto const& a = x.fields();
+    auto const& b = y.fields();
+    if (!Kivu::IpGenAddr::isEq(a.remoteAddr, b.remoteAddr)) return a.remoteAddr < b.remoteAddr;
+    if (a.remotePort != b.remotePort) return a.remotePort < b.remotePort;
+    if (auto c = a.remotePath <=> b.remotePath; c != 0) return c < 0;
+    if (auto c = a.syncContainerKey <=> b.syncContainerKey; c != 0) return c < 0;
+    if (a.syncContainerType != b.syncContainerType) return Wex::typeLess(a.syncContainerType, b.syncContainerType);
+    if (a.flags != b.flags) return std::uint8_t(a.flags) < std::uint8_t(b.flags);
+    if (auto c = a.remoteAgentKey <=> b.remoteAgentKey; c != 0) return c < 0;
+    if (auto c = a.localUri <=> b.localUri; c != 0) return c < 0;
+    return (a.remoteUri <=> b.remoteUri) < 0;
+}
+
+std::uint32_t PathSubscribeConfig::computeHash(Fields const& f, std::uint32_t seed) noexcept {
     Wex::Hash h(seed);
-    h.hashMix(Kivu::Ip6Addr::hash(remoteAddr_));
-    h.hashMix(remotePort_);
+    h.hashMix(Kivu::Ip6Addr::hash(f.remoteAddr));
+    h.hashMix(f.remotePort);
     // The strings by the hashes they keep: the text is not read again.
-    h.hashMix(remotePath_.hash()).hashMix(syncContainerKey_.hash());
-    h.hashMix(reinterpret_cast<std::uint64_t>(syncContainerType_));
-    h.hashMix(std::uint32_t(std::uint8_t(flags_)));
-    h.hashMix(remoteAgentKey_.hash()).hashMix(localUri_.hash()).hashMix(remoteUri_.hash());
+    h.hashMix(f.remotePath.hash()).hashMix(f.syncContainerKey.hash());
+    h.hashMix(reinterpret_cast<std::uint64_t>(f.syncContainerType));
+    h.hashMix(std::uint32_t(std::uint8_t(f.flags)));
+    h.hashMix(f.remoteAgentKey.hash()).hashMix(f.localUri.hash()).hashMix(f.remoteUri.hash());
     return h.result();
 }
 
-PathSubscribeConfig::operator bool() const noexcept { return !isEq(*this, defaultConfig()); }
+PathSubscribeConfig::operator bool() const noexcept { return fields_ && !isEq(*this, PathSubscribeConfig()); }
 
 std::string valueToStrep(PathSubscribeConfig const& c) {
     return fmt::format("Value('{}', ** {{'remoteAddr': {}, 'remotePort': {}, 'remotePath': {}, 'syncContainerKey': {}, "
@@ -193,33 +217,34 @@ std::ostream& operator<<(std::ostream& os, PathSubscribeConfig const& c) { retur
 PathSubscribeConfig::PathSubscribeConfig(Wex::CharRange& range) {
     // Parse into a scratch range so that a failure leaves `range` where it was.
     Wex::CharRange r = range;
+    auto f = std::make_unique<Fields>();
     r.require("Value('Kel::Q7Sync::PathSubscribeConfig', ** {", kTypeName);
     r.require("'remoteAddr': ", "remoteAddr");
     try {
-        remoteAddr_ = Kivu::sequenceToValue(r);
+        f->remoteAddr = Kivu::sequenceToValue(r);
     } catch (Wex::RangeException const& e) {
         throw Wex::RangeException("remoteAddr", e.what());
     }
     r.require(", 'remotePort': ", "remotePort");
-    remotePort_ = r.deserializeAttr<std::uint32_t>("remotePort");
+    f->remotePort = r.deserializeAttr<std::uint32_t>("remotePort");
     r.require(", 'remotePath': ", "remotePath");
-    remotePath_ = r.deserializeAttr<Lumo::String>("remotePath");
+    f->remotePath = r.deserializeAttr<Lumo::String>("remotePath");
     r.require(", 'syncContainerKey': ", "syncContainerKey");
-    syncContainerKey_ = r.deserializeAttr<Lumo::String>("syncContainerKey");
+    f->syncContainerKey = r.deserializeAttr<Lumo::String>("syncContainerKey");
     r.require(", 'flags': ", "flags");
     try {
-        flags_ = ::Q7Sync::sequenceToValue(r);
+        f->flags = ::Q7Sync::sequenceToValue(r);
     } catch (Wex::RangeException const& e) {
         throw Wex::RangeException("flags", e.what());
     }
     r.require(", 'remoteAgentKey': ", "remoteAgentKey");
-    remoteAgentKey_ = r.deserializeAttr<Lumo::String>("remoteAgentKey");
+    f->remoteAgentKey = r.deserializeAttr<Lumo::String>("remoteAgentKey");
     r.require(", 'localUri': ", "localUri");
-    localUri_ = r.deserializeAttr<Lumo::String>("localUri");
+    f->localUri = r.deserializeAttr<Lumo::String>("localUri");
     r.require(", 'remoteUri': ", "remoteUri");
-    remoteUri_ = r.deserializeAttr<Lumo::String>("remoteUri");
+    f->remoteUri = r.deserializeAttr<Lumo::String>("remoteUri");
     r.require("})", kTypeName);
-    hash0_ = computeHash(0);
+    *this = made(std::move(f));
     range = r;
 }
 

@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Kivu/IpGenAddr.h"
 #include "Lumo/String.h"
@@ -24,7 +26,7 @@ public:
     using SyncRequestFlags = ::Q7Sync::WexUtils::SyncRequestFlags;
 
     // The default value: unspecified address, nothing derived; false as a truth value.
-    PathSubscribeConfig() noexcept;
+    PathSubscribeConfig() noexcept = default;
     // Refuses, with Wex::NewEntityArgsException naming "syncContainerType", a container type
     // that is not SyncContainer or derived from it when the address is specified.
     PathSubscribeConfig(Kivu::IpGenAddr const& remoteAddr, std::uint32_t remotePort, Lumo::String remotePath,
@@ -45,48 +47,63 @@ public:
                                                      Lumo::String syncContainerKey,
                                                      Wex::WexType const* syncContainerType, SyncRequestFlags flags);
 
-    Kivu::IpGenAddr const& remoteAddr() const noexcept { return remoteAddr_; }
-    std::uint32_t remotePort() const noexcept { return remotePort_; }
-    Lumo::String const& remotePath() const noexcept { return remotePath_; }
-    Lumo::String const& syncContainerKey() const noexcept { return syncContainerKey_; }
-    Wex::WexType const* syncContainerType() const noexcept { return syncContainerType_; }
-    SyncRequestFlags flags() const noexcept { return flags_; }
-    Lumo::String const& remoteAgentKey() const noexcept { return remoteAgentKey_; }
-    Lumo::String const& localUri() const noexcept { return localUri_; }
-    Lumo::String const& remoteUri() const noexcept { return remoteUri_; }
+    PathSubscribeConfig(PathSubscribeConfig const& o) noexcept : fields_(o.fields_) { if (fields_) ++fields_->refs; }
+    PathSubscribeConfig(PathSubscribeConfig&& o) noexcept : fields_(o.fields_) { o.fields_ = nullptr; }
+    PathSubscribeConfig& operator=(PathSubscribeConfig o) noexcept { std::swap(fields_, o.fields_); return *this; }
+    ~PathSubscribeConfig() { if (fields_ && --fields_->refs == 0) destroy(fields_); }
 
-    // All nine fields equal; the container type by identity. Inline: every collection keyed by
-    // a subscription compares with it, and copies share their strings, so most checks are
-    // pointer compares.
+    Kivu::IpGenAddr const& remoteAddr() const noexcept { return fields().remoteAddr; }
+    std::uint32_t remotePort() const noexcept { return fields().remotePort; }
+    Lumo::String const& remotePath() const noexcept { return fields().remotePath; }
+    Lumo::String const& syncContainerKey() const noexcept { return fields().syncContainerKey; }
+    Wex::WexType const* syncContainerType() const noexcept { return fields().syncContainerType; }
+    SyncRequestFlags flags() const noexcept { return fields().flags; }
+    Lumo::String const& remoteAgentKey() const noexcept { return fields().remoteAgentKey; }
+    Lumo::String const& localUri() const noexcept { return fields().localUri; }
+    Lumo::String const& remoteUri() const noexcept { return fields().remoteUri; }
+
+    // All nine fields equal; the container type by identity. Copies share their fields, so
+    // most checks, made by every collection keyed by a subscription, are one pointer compare.
     static bool isEq(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept {
-        return a.hash0_ == b.hash0_ && a.remotePort_ == b.remotePort_ && a.flags_ == b.flags_ &&
-               a.syncContainerType_ == b.syncContainerType_ &&
-               Kivu::IpGenAddr::isEq(a.remoteAddr_, b.remoteAddr_) &&
-               a.remotePath_ == b.remotePath_ && a.syncContainerKey_ == b.syncContainerKey_ &&
-               a.remoteAgentKey_ == b.remoteAgentKey_ && a.localUri_ == b.localUri_ && a.remoteUri_ == b.remoteUri_;
+        return a.fields_ == b.fields_ || (a.fields().hash0 == b.fields().hash0 && sameFields(a.fields(), b.fields()));
     }
     friend bool operator==(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept { return isEq(a, b); }
     // Field by field in declaration order; the first field that differs decides.
     friend bool operator<(PathSubscribeConfig const& a, PathSubscribeConfig const& b) noexcept;
-    std::uint32_t hash(std::uint32_t seed) const noexcept { return seed == 0 ? hash0_ : computeHash(seed); }
+    std::uint32_t hash(std::uint32_t seed) const noexcept { return seed == 0 ? fields().hash0 : computeHash(fields(), seed); }
     explicit operator bool() const noexcept;
 
 private:
-    void handleInitialized();
-    std::uint32_t computeHash(std::uint32_t seed) const noexcept;
+    // The fields, made once and shared by every copy: a subscription is copied into half a
+    // dozen tables, and each copy is then one count. Counts are framework-thread only.
+    struct Fields {
+        Kivu::IpGenAddr remoteAddr;
+        std::uint32_t remotePort = 0;
+        Lumo::String remotePath;
+        Lumo::String syncContainerKey;
+        Wex::WexType const* syncContainerType = nullptr;
+        SyncRequestFlags flags{};
+        Lumo::String remoteAgentKey;
+        Lumo::String localUri;
+        Lumo::String remoteUri;
+        // hash(0), the seed of the dedup table and of every collection keyed by subscription,
+        // computed once: subscriptions are looked up in half a dozen tables each.
+        std::uint32_t hash0 = 0;
+        std::uint32_t refs = 1;
 
-    Kivu::IpGenAddr remoteAddr_;
-    std::uint32_t remotePort_ = 0;
-    Lumo::String remotePath_;
-    Lumo::String syncContainerKey_;
-    Wex::WexType const* syncContainerType_ = nullptr;
-    SyncRequestFlags flags_{};
-    Lumo::String remoteAgentKey_;
-    Lumo::String localUri_;
-    Lumo::String remoteUri_;
-    // hash(0), the seed of the dedup table and of every collection keyed by subscription,
-    // computed once: subscriptions are looked up in half a dozen tables each.
-    std::uint32_t hash0_ = 0;
+        static void* operator new(std::size_t size);
+        static void operator delete(void* p, std::size_t size) noexcept;
+    };
+    explicit PathSubscribeConfig(Fields* fields) noexcept : fields_(fields) {}
+    Fields const& fields() const noexcept { return fields_ ? *fields_ : defaultFields(); }
+    static Fields const& defaultFields() noexcept;
+    static PathSubscribeConfig made(std::unique_ptr<Fields> fields);
+    static void handleInitialized(Fields& f);  // the derivation
+    static bool sameFields(Fields const& a, Fields const& b) noexcept;
+    static std::uint32_t computeHash(Fields const& f, std::uint32_t seed) noexcept;
+    static void destroy(Fields* fields) noexcept;
+
+    Fields* fields_ = nullptr;  // null: the default value
 };
 
 std::string valueToStrep(PathSubscribeConfig const& config);
