@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -65,7 +66,11 @@ constexpr char kNotifiee[] = "PathSubscribeRequestNotifiee";
 // An invariant of the request bookkeeping. A failure is recorded at level 0 with the check's
 // text and the caller carries on with whatever keeps its state consistent.
 [[gnu::noinline, gnu::cold]] bool invariantFailed(char const* function, char const* check) {
-    Wex::traceWrite(traceHandle(), 0, kNotifiee, function, "{}", check);
+    // Records keep their trace point by address: one per checking function, made on its first
+    // failure (framework thread only, as every request event).
+    static std::map<char const*, Memtrail::Site> sites;
+    Memtrail::Site const& site = sites.try_emplace(function, Memtrail::Site{0, kNotifiee, function, "{}"}).first->second;
+    Wex::traceWrite(traceHandle(), site, "{}", check);
     return false;
 }
 // Checked on every request event: the holding case costs a test and nothing more.

@@ -53,6 +53,8 @@ AsynchShowCommandCallback::~AsynchShowCommandCallback() {
 }
 
 namespace {
+constexpr Memtrail::Site kCommandFailed{1, "AsynchShowCommandCallback", "handleCommand",
+                                      "command '{}' ended with status {}"};
 // Whatever produceOutput does, what it wrote goes out and the instance stops reacting.
 void finishInstance(AsynchShowCommandInstanceSm& instance) noexcept {
     instance.cliBuffer()->flush();
@@ -70,8 +72,7 @@ void runInstance(Lumo::Ptr<AsynchShowCommandInstanceSm> const& instance) {
     finishInstance(*instance);
     if (status != 0)
         if (auto* h = Memtrail::defaultHandle())
-            h->write(1, "Agent", "AsynchShowCommandCallback", "handleCommand", "command '{}' ended with status {}",
-                     instance->params()->commandName().str(), status);
+            h->write(kCommandFailed, "Agent", instance->params()->commandName().str(), status);
 }
 } // namespace
 

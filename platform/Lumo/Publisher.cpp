@@ -10,6 +10,12 @@
 
 namespace Lumo {
 
+namespace {
+constexpr Memtrail::Site kSubscriberThrew{0, "Publisher", "publishChangeRecursive", "subscriber threw: {}"};
+constexpr Memtrail::Site kSubscriberThrewOther{0, "Publisher", "publishChangeRecursive",
+                                               "subscriber threw a non-standard exception"};
+} // namespace
+
 void Publisher::Subscribers::push_back(Subscriber* s) {
     if (size_ == cap_) {
         std::uint32_t const cap = cap_ * 4;
@@ -75,10 +81,10 @@ void Publisher::publishChangeRecursive(AttributeId attribute, void const* key, v
             s->onPublish(*this, change);
         } catch (std::exception const& e) {
             if (auto* h = Memtrail::defaultHandle())
-                h->write(0, "Lumo", "Publisher", "publishChangeRecursive", "subscriber threw: {}", std::string(e.what()));
+                h->write(kSubscriberThrew, "Lumo", std::string(e.what()));
         } catch (...) {
             if (auto* h = Memtrail::defaultHandle())
-                h->write(0, "Lumo", "Publisher", "publishChangeRecursive", "subscriber threw a non-standard exception");
+                h->write(kSubscriberThrewOther, "Lumo");
         }
         if (frame.publisherGone) return;
     }

@@ -8,14 +8,14 @@ namespace Memtrail {
 std::string Record::message() const {
     if (!ops_) return {};
     try {
-        return ops_->format(format_, args_);
+        return ops_->format(format(), args_);
     } catch (std::exception const& e) {
-        return fmt::format("<unformattable '{}': {}>", format_, e.what());
+        return fmt::format("<unformattable '{}': {}>", format(), e.what());
     }
 }
 
 std::string Record::text() const {
-    return fmt::format("{}[{}] {}::{}: {}", handle_, level_, class_, function_, message());
+    return fmt::format("{}[{}] {}::{}: {}", handle(), level(), className(), function(), message());
 }
 
 Handle::Handle(std::size_t capacityPerLevel) : capacity_(std::max<std::size_t>(1, capacityPerLevel)) {

@@ -1,6 +1,7 @@
 // Memtrail: bounded ring buffers, one per trace level, that keep the newest trace records.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -44,8 +45,18 @@ Stored<T> store(T&& v) {
     else return S(std::forward<T>(v));
 }
 
-// One event: the format and a copy of its arguments. The text is made only when read.
-class Record {
+// Where records come from: one per trace point, in static storage, so that a record keeps a
+// single pointer for its level, class, function and format.
+struct Site {
+    unsigned level;
+    char const* className;
+    char const* function;
+    std::string_view format;
+};
+
+// One event: its trace point and a copy of its arguments. The text is made only when read.
+// A record fills one cache line: a trace point writes a line and reads none.
+class alignas(64) Record {
 public:
     // cppcheck-suppress uninitMemberVar ; args_ is raw storage, assign() builds the arguments in it
     Record() = default;
@@ -54,12 +65,11 @@ public:
     ~Record() { reset(); }
 
     template <class... S>
-    void assign(unsigned level, char const* handle, char const* cls, char const* func,
-                std::string_view format, std::uint64_t sequence, S&&... args) {
+    void assign(Site const& site, char const* handle, std::uint64_t sequence, S&&... args) {
         reset();
-        level_ = level; handle_ = handle; class_ = cls; function_ = func; format_ = format; sequence_ = sequence;
+        site_ = &site; handle_ = handle; sequence_ = sequence;
         using Tuple = std::tuple<std::decay_t<S>...>;
-        if constexpr (sizeof(Tuple) <= kInline && alignof(Tuple) <= alignof(std::max_align_t)) {
+        if constexpr (sizeof(Tuple) <= kInline && alignof(Tuple) <= kInlineAlign) {
             ::new (static_cast<void*>(args_)) Tuple(std::forward<S>(args)...);
             ops_ = &opsFor<Tuple, false>;
         } else {
@@ -69,17 +79,17 @@ public:
     }
 
     bool used() const noexcept { return ops_ != nullptr; }
-    unsigned level() const noexcept { return level_; }
+    unsigned level() const noexcept { return site_ ? std::min(site_->level, kLevels - 1) : 0; }
     std::string_view handle() const noexcept { return handle_; }
-    std::string_view className() const noexcept { return class_; }
-    std::string_view function() const noexcept { return function_; }
-    std::string_view format() const noexcept { return format_; }
+    std::string_view className() const noexcept { return site_ ? site_->className : ""; }
+    std::string_view function() const noexcept { return site_ ? site_->function : ""; }
+    std::string_view format() const noexcept { return site_ ? site_->format : std::string_view(); }
     std::uint64_t sequence() const noexcept { return sequence_; }
     std::string message() const;  // the formatted message
     std::string text() const;     // "handle[level] Class::function: message"
 
 private:
-    static constexpr std::size_t kInline = 64;
+    static constexpr std::size_t kInline = 32, kInlineAlign = 16;
     struct Ops {
         void (*destroy)(void*);
         std::string (*format)(std::string_view, void const*);
@@ -105,14 +115,12 @@ private:
     }
 
     Ops const* ops_ = nullptr;
-    unsigned level_ = 0;
+    Site const* site_ = nullptr;
     char const* handle_ = "";
-    char const* class_ = "";
-    char const* function_ = "";
-    std::string_view format_;
     std::uint64_t sequence_ = 0;
-    alignas(std::max_align_t) unsigned char args_[kInline];
+    alignas(kInlineAlign) unsigned char args_[kInline];
 };
+static_assert(sizeof(Record) == 64);
 
 // A set of rings, one per level; each keeps its newest `capacity` records.
 class Handle {
@@ -121,11 +129,11 @@ public:
     Handle(Handle const&) = delete;
     Handle& operator=(Handle const&) = delete;
 
+    // A record of `site` (kept by address: it must outlive the record) from the named handle.
     template <class... S>
-    void write(unsigned level, char const* handle, char const* cls, char const* func, std::string_view format, S&&... args) {
-        if (level >= kLevels) level = kLevels - 1;
-        Ring& r = rings_[level];
-        r.slots[r.next].assign(level, handle, cls, func, format, ++sequence_, std::forward<S>(args)...);
+    void write(Site const& site, char const* handle, S&&... args) {
+        Ring& r = rings_[std::min(site.level, kLevels - 1)];
+        r.slots[r.next].assign(site, handle, ++sequence_, std::forward<S>(args)...);
         if (++r.next == capacity_) r.next = 0;
         if (r.count < capacity_) ++r.count;
     }

@@ -8,6 +8,10 @@
 
 namespace Oru {
 
+namespace {
+constexpr Memtrail::Site kNotifieeThrew{0, "DedupHashTable", "handleRemove", "notifiee threw: {}"};
+} // namespace
+
 void DedupHandleBase::assertIsDeduped() const noexcept {
     if (!isDeduped()) Wex::lifecycleFailure("dedup handle expected in its table", this);
 }
@@ -36,7 +40,7 @@ void DedupHashTable::notifyRemove(DedupHandleBase* handle) const noexcept {
         n->handleRemove(handle);
     } catch (std::exception const& e) {
         if (auto* h = Memtrail::defaultHandle())
-            h->write(0, "Oru", "DedupHashTable", "handleRemove", "notifiee threw: {}", std::string(e.what()));
+            h->write(kNotifieeThrew, "Oru", std::string(e.what()));
     }
 }
 

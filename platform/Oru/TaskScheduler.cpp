@@ -9,6 +9,11 @@
 
 namespace Oru {
 
+namespace {
+constexpr Memtrail::Site kTaskThrew{0, "TaskScheduler", "runPending", "task threw: {}"};
+constexpr Memtrail::Site kTaskThrewOther{0, "TaskScheduler", "runPending", "task threw a non-standard exception"};
+} // namespace
+
 void TaskScheduler::taskIs(Task task) {
     if (!task) throw Wex::NullArgumentException("task");
     tasks_.push_back(std::move(task));
@@ -27,10 +32,10 @@ std::size_t TaskScheduler::runPending() noexcept {
             task();
         } catch (std::exception const& e) {
             if (auto* h = Memtrail::defaultHandle())
-                h->write(0, "Oru", "TaskScheduler", "runPending", "task threw: {}", std::string(e.what()));
+                h->write(kTaskThrew, "Oru", std::string(e.what()));
         } catch (...) {
             if (auto* h = Memtrail::defaultHandle())
-                h->write(0, "Oru", "TaskScheduler", "runPending", "task threw a non-standard exception");
+                h->write(kTaskThrewOther, "Oru");
         }
     }
     return ran;

@@ -34,15 +34,15 @@ public:
     static void sinkIs(Sink sink);
 
     template <class... S>
-    void trace(unsigned level, char const* cls, char const* func, std::string_view format, S&&... args) {
+    void trace(Memtrail::Site const& site, S&&... args) {
         Memtrail::Handle* const m = Memtrail::defaultHandle();
-        if (!levelOn(level)) {
+        if (!levelOn(site.level)) {
             // The arguments are this call's own copies: the record takes them over.
-            if (m) m->write(level, name_, cls, func, format, std::forward<S>(args)...);
+            if (m) m->write(site, name_, std::forward<S>(args)...);
             return;
         }
-        if (m) m->write(level, name_, cls, func, format, args...);
-        emit(level, cls, func, fmt::vformat(format, fmt::make_format_args(args...)));
+        if (m) m->write(site, name_, args...);
+        emit(site.level, site.className, site.function, fmt::vformat(site.format, fmt::make_format_args(args...)));
     }
 
 private:
@@ -52,14 +52,18 @@ private:
 };
 
 // Arguments are stored as Memtrail keeps them: pointers as addresses, text as owned copies.
+// The format is the site's; it is passed again only to be checked against the arguments.
 template <class... A>
-void traceWrite(TraceHandle& h, unsigned level, char const* cls, char const* func,
-                fmt::format_string<Memtrail::Stored<A>...> format, A&&... args) {
-    fmt::string_view const text = format;
-    h.trace(level, cls, func, std::string_view(text.data(), text.size()), Memtrail::store(std::forward<A>(args))...);
+void traceWrite(TraceHandle& h, Memtrail::Site const& site, fmt::format_string<Memtrail::Stored<A>...>, A&&... args) {
+    h.trace(site, Memtrail::store(std::forward<A>(args))...);
 }
 
 } // namespace Wex
 
-// Trace at `level` through `handle` from class `cls` in the calling function.
-#define WEX_TRACE(handle, level, cls, ...) ::Wex::traceWrite((handle), (level), (cls), __func__, __VA_ARGS__)
+// Trace at `level` through `handle` from class `cls` in the calling function. The trace point
+// is described once, in static storage; a record keeps its address.
+#define WEX_TRACE(handle, level, cls, format, ...)                                               \
+    do {                                                                                         \
+        static constexpr ::Memtrail::Site wexTraceSite{(level), (cls), __func__, (format)};      \
+        ::Wex::traceWrite((handle), wexTraceSite, format __VA_OPT__(, ) __VA_ARGS__);            \
+    } while (false)
