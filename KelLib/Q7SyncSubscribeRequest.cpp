@@ -19,15 +19,15 @@ namespace {
 constexpr char kTypeName[] = "Kel::Q7Sync::PathSubscribeConfig";
 constexpr char kSyncAttribute[] = "syncAttribute";
 
+// Written in place, last digit first: no scratch buffer to copy from.
 char* appendDecimal(char* w, std::uint32_t v) {
-    char digits[10];
-    char* p = digits + sizeof digits;
+    std::size_t n = 1;
+    for (std::uint32_t rest = v; rest >= 10; rest /= 10) ++n;
+    char* p = w + n;
     do {
         *--p = char('0' + v % 10);
         v /= 10;
     } while (v);
-    std::size_t const n = std::size_t(digits + sizeof digits - p);
-    std::memcpy(w, p, n);
     return w + n;
 }
 

@@ -70,6 +70,13 @@ TEST_F(SubscribeConfigTest, WorkedExampleDerivesAgentKeyAndBothUris) {
     EXPECT_EQ(v6.remoteUri(), "2001:db8::1:9/p");
 }
 
+// The agent key is "{}:{}" of the address text and the port: every digit count of both.
+TEST_F(SubscribeConfigTest, AgentKeyWritesEveryDigitOfAddressAndPort) {
+    for (char const* a : {"0.0.0.0", "1.2.3.4", "9.10.99.100", "255.255.255.255", "::1", "fd00:0:0:14::3e7"})
+        for (std::uint32_t port : {0u, 9u, 10u, 99u, 100u, 65535u, 4294967295u})
+            EXPECT_EQ(make(a, port, "p", "k").remoteAgentKey().view(), addr(a).stringValue() + ":" + std::to_string(port));
+}
+
 TEST_F(SubscribeConfigTest, WriteSyncConfigTakesItsPathFromTheKey) {
     PathSubscribeConfig const w =
         PathSubscribeConfig::createWriteSyncConfig(addr("10.1.2.3"), Kivu::Port(4000), "k", container, F::WRITE());

@@ -28,6 +28,25 @@ std::uint64_t mum(std::uint64_t a, std::uint64_t b) noexcept {
 }
 constexpr std::uint64_t kMix0 = 0xa0761d6478bd642full, kMix1 = 0xe7037ed1a0b428dbull;
 
+template <std::size_t N>
+void copyWord(char* to, char const* from) noexcept {
+    char word[N];
+    std::memcpy(word, from, N);
+    std::memcpy(to, word, N);
+}
+// Copies s to w and returns its end. The pieces joined here are mostly a few bytes long: two
+// overlapping words copy them without a library call each.
+char* put(char* w, std::string_view s) noexcept {
+    std::size_t const n = s.size();
+    char const* p = s.data();
+    if (n >= 16) std::memcpy(w, p, n);
+    else if (n >= 8) copyWord<8>(w, p), copyWord<8>(w + n - 8, p + n - 8);
+    else if (n >= 4) copyWord<4>(w, p), copyWord<4>(w + n - 4, p + n - 4);
+    else
+        for (std::size_t i = 0; i < n; ++i) w[i] = p[i];
+    return w + n;
+}
+
 } // namespace
 
 // Sixteen bytes per multiply, the last (or only) ones read as two overlapping words: the keys
@@ -70,7 +89,7 @@ String::Rep* String::allocate(std::size_t size) {
 String::String(std::string_view s) {
     if (s.empty()) return;
     rep_ = allocate(s.size());
-    std::memcpy(rep_->data, s.data(), s.size());
+    put(rep_->data, s);
     rep_->hash = hashOf(s);
 }
 
@@ -81,10 +100,7 @@ String String::concat(std::initializer_list<std::string_view> parts) {
     if (size == 0) return out;
     out.rep_ = allocate(size);
     char* w = out.rep_->data;
-    for (std::string_view p : parts) {
-        std::memcpy(w, p.data(), p.size());
-        w += p.size();
-    }
+    for (std::string_view p : parts) w = put(w, p);
     out.rep_->hash = hashOf(out.view());
     return out;
 }

@@ -98,6 +98,23 @@ TEST(String, EveryByteOfTheTextChangesTheHash) {
     }
 }
 
+// Parts of every length up to past the word-copy cases, each byte distinct: a copy that
+// dropped, doubled or misplaced a byte at a part's edge shows in the text.
+TEST(String, ConcatJoinsPartsOfEveryLength) {
+    std::string alphabet;
+    for (int i = 0; i < 40; ++i) alphabet += char('A' + i);
+    for (std::size_t n = 0; n <= 40; ++n) {
+        std::string_view const part(alphabet.data(), n);
+        Lumo::String const joined = Lumo::String::concat({"<", part, "|", part, ">"});
+        std::string const expected = "<" + std::string(part) + "|" + std::string(part) + ">";
+        EXPECT_EQ(joined.view(), expected) << "length " << n;
+        EXPECT_EQ(joined.hash(), Lumo::String(expected).hash());
+        EXPECT_EQ(joined.c_str()[joined.size()], '\0');
+        EXPECT_EQ(Lumo::String(part).view(), part);
+    }
+    EXPECT_TRUE(Lumo::String::concat({"", ""}).empty());
+}
+
 #ifndef NDEBUG
 class Plain : public Wex::PtrInterface {
 public:
