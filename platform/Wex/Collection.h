@@ -15,6 +15,7 @@
 
 #include "Lumo/Ptr.h"
 #include "Lumo/Publisher.h"
+#include "Lumo/SmallBlocks.h"
 #include "Wex/Exception.h"
 #include "Wex/Value.h"
 
@@ -182,11 +183,24 @@ private:
         // cppcheck-suppress CastAddressToIntegerAtReturn ; alignof is a size, no address is involved
         return (cap + alignof(V) - 1) / alignof(V) * alignof(V);
     }
+    static std::size_t bytesFor(std::size_t cap) noexcept { return slotsOffset(cap) + cap * sizeof(V); }
+    // Small tables, made and dropped with the sets that hold a few members, from the small-block
+    // allocator; large ones, rehashed rarely, from malloc.
+    static constexpr std::size_t kSmallTable = 256;
+    static void* allocate(std::size_t bytes) {
+        if (bytes <= kSmallTable) return Lumo::smallBlockNew(bytes);
+        void* mem = std::malloc(bytes);
+        if (!mem) throw std::bad_alloc();
+        return mem;
+    }
+    static void deallocate(void* mem, std::size_t bytes) noexcept {
+        if (bytes <= kSmallTable) Lumo::smallBlockDelete(mem, bytes);
+        else std::free(mem);
+    }
     void rehash(std::size_t cap) {
         static_assert(alignof(V) <= alignof(std::max_align_t));
         // NOLINTNEXTLINE(bugprone-sizeof-expression): slots hold V, which is a pointer in some tables
-        void* mem = std::malloc(slotsOffset(cap) + cap * sizeof(V));
-        if (!mem) throw std::bad_alloc();
+        void* mem = allocate(bytesFor(cap));
         auto* ctrl = static_cast<std::uint8_t*>(mem);
         auto* slots = reinterpret_cast<V*>(ctrl + slotsOffset(cap));
         std::memset(ctrl, kEmpty, cap);
@@ -201,7 +215,7 @@ private:
             slots_[i].~V();
             ctrl[j] = tagOf(m);
         }
-        if (!isInline()) std::free(ctrl_);
+        if (!isInline()) deallocate(ctrl_, bytesFor(cap_));
         ctrl_ = ctrl;
         slots_ = slots;
         cap_ = cap;
@@ -215,7 +229,7 @@ private:
     }
     void release() noexcept {
         destroyAll();
-        if (!isInline()) std::free(ctrl_);
+        if (!isInline()) deallocate(ctrl_, bytesFor(cap_));
         ctrl_ = nullptr;
         slots_ = nullptr;
         cap_ = size_ = deleted_ = 0;
