@@ -99,18 +99,25 @@ private:
         if constexpr (Heap) return **static_cast<Tuple* const*>(p);
         else return *static_cast<Tuple const*>(p);
     }
+    // Arguments that need no destruction (addresses, numbers) leave nothing to call when the
+    // record is overwritten.
+    template <class Tuple, bool Heap>
+    static constexpr void (*destroyFor)(void*) =
+        !Heap && std::is_trivially_destructible_v<Tuple>
+            ? static_cast<void (*)(void*)>(nullptr)
+            : static_cast<void (*)(void*)>([](void* p) {
+                  if constexpr (Heap) delete *static_cast<Tuple**>(p);
+                  else static_cast<Tuple*>(p)->~Tuple();
+              });
     template <class Tuple, bool Heap>
     static constexpr Ops opsFor{
-        [](void* p) {
-            if constexpr (Heap) delete *static_cast<Tuple**>(p);
-            else static_cast<Tuple*>(p)->~Tuple();
-        },
+        destroyFor<Tuple, Heap>,
         [](std::string_view f, void const* p) {
             return std::apply([&](auto const&... a) { return fmt::vformat(f, fmt::make_format_args(a...)); },
                               tupleOf<Tuple, Heap>(p));
         }};
     void reset() noexcept {
-        if (ops_) ops_->destroy(args_);
+        if (ops_ && ops_->destroy) ops_->destroy(args_);
         ops_ = nullptr;
     }
 
