@@ -19,14 +19,16 @@ public:
 
     constexpr Ptr() noexcept = default;
     constexpr Ptr(std::nullptr_t) noexcept {}
-    Ptr(T* p) noexcept : p_(p) { if (p_) p_->newRef(); }
+    // Counting is a test and an increment, done on every hot path: always inline, as the
+    // compiler would otherwise keep an out-of-line copy per type and call it.
+    [[gnu::always_inline]] Ptr(T* p) noexcept : p_(p) { if (p_) p_->newRef(); }
     Ptr(Ptr const& o) noexcept : Ptr(o.p_) {}
     Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     Ptr(Ptr<U> const& o) noexcept : Ptr(o.ptr()) {}
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     Ptr(Ptr<U>&& o) noexcept : p_(o.detach()) {}
-    ~Ptr() { if (p_) p_->deleteRef(); }
+    [[gnu::always_inline]] ~Ptr() { if (p_) p_->deleteRef(); }
 
     // By value and swap: the new reference is taken before the old one is dropped, so
     // self-assignment and assignment from an object owned by the old value stay safe.

@@ -23,11 +23,11 @@ public:
     std::uint32_t references() const noexcept { return refs_; }
 #ifdef NDEBUG
     // The plain count inline: every counted pointer copy comes here.
-    void newRef() const noexcept {
+    [[gnu::always_inline]] void newRef() const noexcept {
         if (atomicCount_) newRefSlow();
         else ++refs_;
     }
-    void deleteRef() const noexcept {
+    [[gnu::always_inline]] void deleteRef() const noexcept {
         if (!atomicCount_ && refs_ > 1) --refs_;
         else deleteRefSlow();
     }
