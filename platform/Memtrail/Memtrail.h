@@ -99,23 +99,21 @@ private:
         if constexpr (Heap) return **static_cast<Tuple* const*>(p);
         else return *static_cast<Tuple const*>(p);
     }
+    template <class Tuple, bool Heap>
+    static void destroyArgs(void* p) noexcept {
+        if constexpr (Heap) delete *static_cast<Tuple**>(p);
+        else static_cast<Tuple*>(p)->~Tuple();
+    }
+    template <class Tuple, bool Heap>
+    static std::string formatArgs(std::string_view f, void const* p) {
+        return std::apply([&](auto const&... a) { return fmt::vformat(f, fmt::make_format_args(a...)); },
+                          tupleOf<Tuple, Heap>(p));
+    }
     // Arguments that need no destruction (addresses, numbers) leave nothing to call when the
     // record is overwritten.
     template <class Tuple, bool Heap>
-    static constexpr void (*destroyFor)(void*) =
-        !Heap && std::is_trivially_destructible_v<Tuple>
-            ? static_cast<void (*)(void*)>(nullptr)
-            : static_cast<void (*)(void*)>([](void* p) {
-                  if constexpr (Heap) delete *static_cast<Tuple**>(p);
-                  else static_cast<Tuple*>(p)->~Tuple();
-              });
-    template <class Tuple, bool Heap>
-    static constexpr Ops opsFor{
-        destroyFor<Tuple, Heap>,
-        [](std::string_view f, void const* p) {
-            return std::apply([&](auto const&... a) { return fmt::vformat(f, fmt::make_format_args(a...)); },
-                              tupleOf<Tuple, Heap>(p));
-        }};
+    static constexpr Ops opsFor{!Heap && std::is_trivially_destructible_v<Tuple> ? nullptr : &destroyArgs<Tuple, Heap>,
+                                &formatArgs<Tuple, Heap>};
     void reset() noexcept {
         if (ops_ && ops_->destroy) ops_->destroy(args_);
         ops_ = nullptr;

@@ -183,6 +183,7 @@ private:
         // cppcheck-suppress CastAddressToIntegerAtReturn ; alignof is a size, no address is involved
         return (cap + alignof(V) - 1) / alignof(V) * alignof(V);
     }
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): slots hold V, which is a pointer in some tables
     static std::size_t bytesFor(std::size_t cap) noexcept { return slotsOffset(cap) + cap * sizeof(V); }
     // Small tables, made and dropped with the sets that hold a few members, from the small-block
     // allocator; large ones, rehashed rarely, from malloc.

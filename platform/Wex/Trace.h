@@ -60,10 +60,13 @@ void traceWrite(TraceHandle& h, Memtrail::Site const& site, fmt::format_string<M
 
 } // namespace Wex
 
-// Trace at `level` through `handle` from class `cls` in the calling function. The trace point
-// is described once, in static storage; a record keeps its address.
-#define WEX_TRACE(handle, level, cls, format, ...)                                               \
-    do {                                                                                         \
-        static constexpr ::Memtrail::Site wexTraceSite{(level), (cls), __func__, (format)};      \
-        ::Wex::traceWrite((handle), wexTraceSite, format __VA_OPT__(, ) __VA_ARGS__);            \
+// Trace at `level` through `handle` from class `cls` in the calling function; the arguments are
+// the format and its values. The trace point is described once, in static storage; a record
+// keeps its address.
+#define WEX_TRACE(handle, level, cls, ...)                                                          \
+    do {                                                                                            \
+        static constexpr ::Memtrail::Site wexTraceSite{(level), (cls), __func__,                    \
+                                                       WEX_TRACE_FORMAT_(__VA_ARGS__)};             \
+        ::Wex::traceWrite((handle), wexTraceSite, __VA_ARGS__);                                     \
     } while (false)
+#define WEX_TRACE_FORMAT_(format, ...) (format)
