@@ -16,8 +16,8 @@ std::string valueToStrep(SyncStatusEnum s) {
     return fmt::format("status{}", unsigned(s));
 }
 
-SyncStatus::SyncStatus(Lumo::String uri, Lumo::String localUri, Q7Sync::WexUtils::SyncRequestFlags flags)
-    : uri_(std::move(uri)), localUri_(std::move(localUri)), flags_(flags) {}
+SyncStatus::SyncStatus(Lumo::String uri, Lumo::String localUri)
+    : uri_(std::move(uri)), localUri_(std::move(localUri)), peer_(uri_.view().substr(0, uri_.view().find('/'))) {}
 
 SyncStatus::~SyncStatus() { hasNotificationActiveIs(false); }
 
@@ -57,7 +57,7 @@ Wex::WexModuleRegistrar registrar("Q7Serdes/Status", [](Wex::WexModule& m) {
     m.type<SyncStatus>("Q7Serdes::WexUtils::SyncStatus")
         .readOnly("uri", [](SyncStatus const& s) { return s.uri(); })
         .readOnly("localUri", [](SyncStatus const& s) { return s.localUri(); })
-        .readOnly("flags", [](SyncStatus const& s) { return s.flags(); })
+        .readOnly("peer", [](SyncStatus const& s) { return s.peer(); })
         .readOnly("status", [](SyncStatus const& s) { return s.status(); })
         .readOnly("reason", [](SyncStatus const& s) { return s.reason(); });
     m.type<ListenStatus>("Q7Serdes::WexUtils::ListenStatus")

@@ -8,7 +8,6 @@
 
 #include "Lumo/Publisher.h"
 #include "Lumo/String.h"
-#include "Q7Sync/Flags.h"
 #include "Wex/PtrInterface.h"
 
 namespace Q7Serdes::WexUtils {
@@ -21,13 +20,15 @@ std::string valueToStrep(SyncStatusEnum s);
 class SyncStatus : public Wex::PtrInterface {
 public:
     // Attribute identifiers count from 130 in declaration order.
-    static constexpr Wex::AttributeId kUri = 130, kLocalUri = 131, kFlags = 132, kStatus = 133, kReason = 134;
+    static constexpr Wex::AttributeId kUri = 130, kLocalUri = 131, kPeer = 132, kStatus = 133, kReason = 134;
 
-    SyncStatus(Lumo::String uri, Lumo::String localUri, Q7Sync::WexUtils::SyncRequestFlags flags);
+    // `uri` is "<peer>/<path>": the peer is the text before its first '/'.
+    SyncStatus(Lumo::String uri, Lumo::String localUri);
 
     Lumo::String const& uri() const noexcept { return uri_; }
     Lumo::String const& localUri() const noexcept { return localUri_; }
-    Q7Sync::WexUtils::SyncRequestFlags flags() const noexcept { return flags_; }
+    // The agent that serves the uri, as "<address>:<port>".
+    Lumo::String const& peer() const noexcept { return peer_; }
     SyncStatusEnum status() const noexcept { return status_; }
     Lumo::String const& reason() const noexcept { return reason_; }
 
@@ -44,7 +45,7 @@ protected:
 private:
     Lumo::String uri_;
     Lumo::String localUri_;
-    Q7Sync::WexUtils::SyncRequestFlags flags_;
+    Lumo::String peer_;
     SyncStatusEnum status_ = SyncStatusEnum::connecting;
     Lumo::String reason_;
     mutable Lumo::Publisher publisher_;

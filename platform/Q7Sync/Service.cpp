@@ -50,7 +50,7 @@ Lumo::Ptr<SyncStatus> Service::subscribe(Lumo::String const& remoteUri, Lumo::St
                                          WexUtils::SyncRequestFlags flags) {
     if (callLog_) record("subscribe", fmt::format("{}, {}, {}", remoteUri, localUri, flags));
     if (Lumo::Ptr<SyncStatus> const* held = subscriptions_.find(remoteUri)) return *held;
-    Lumo::Ptr<SyncStatus> status(new SyncStatus(remoteUri, localUri, flags));
+    Lumo::Ptr<SyncStatus> status(new SyncStatus(remoteUri, localUri));
     status->hasNotificationActiveIs(true);
     subscriptions_.set(status);
     return status;

@@ -20,7 +20,7 @@
 #include "Termout/NonBlockingCliTxnBuffer.h"
 #include "Wex/Collection.h"
 #include "Wex/Type.h"
-#include "../support/TempFile.h"
+#include "support/TempFile.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include "Oru/TaskScheduler.h"
 #include "Termout/DumpStateWriterCallback.h"
 #include "Wex/Type.h"
-#include "../support/TempFile.h"
+#include "support/TempFile.h"
 
 namespace {
 

@@ -17,7 +17,7 @@ using Q7SyncStatusSm = SubscribeSm::Q7SyncStatusSm;
 using Calls = std::vector<::Q7Sync::Service::Call>;
 
 Lumo::Ptr<SyncStatus> makeStatus(char const* uri) {
-    Lumo::Ptr<SyncStatus> s(new SyncStatus(uri, "/local", Flags()));
+    Lumo::Ptr<SyncStatus> s(new SyncStatus(uri, "/local"));
     s->hasNotificationActiveIs(true);
     return s;
 }

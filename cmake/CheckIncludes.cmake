@@ -1,0 +1,22 @@
+# Fails when a source includes a project header from a folder its library may not use.
+# Run as: cmake -DLIBRARY=<name> -DALLOWED=<folder|...> -DSOURCES=<file|...> -DSTAMP=<file> -P CheckIncludes.cmake
+cmake_minimum_required(VERSION 3.25)
+# Headers of the system and of outside packages (<...>, or "x.h" without a folder) are not checked.
+string(REPLACE "|" ";" ALLOWED "${ALLOWED}")
+string(REPLACE "|" ";" SOURCES "${SOURCES}")
+set(bad "")
+foreach(source IN LISTS SOURCES)
+  file(STRINGS "${source}" includes REGEX "^[ \t]*#[ \t]*include[ \t]*\"[A-Za-z0-9_]+/")
+  foreach(line IN LISTS includes)
+    string(REGEX REPLACE "^[ \t]*#[ \t]*include[ \t]*\"([A-Za-z0-9_]+)/.*$" "\\1" folder "${line}")
+    if(NOT folder IN_LIST ALLOWED)
+      string(STRIP "${line}" line)
+      string(APPEND bad "\n  ${source}: ${line}")
+    endif()
+  endforeach()
+endforeach()
+if(bad)
+  string(REPLACE ";" ", " allowed "${ALLOWED}")
+  message(FATAL_ERROR "${LIBRARY} may include only from ${allowed}; these reach elsewhere:${bad}")
+endif()
+file(TOUCH "${STAMP}")

@@ -1,1 +1,0 @@
-// Placeholder unit while the module has no units yet.
