@@ -1,13 +1,11 @@
 // SyncContainer, SyncContainerHandler and SyncContainerHandlerRegistry, with their type tables.
 #include "KelLib/Q7SyncContainer.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <utility>
 
 #include <fmt/format.h>
 
-#include "Wex/Trace.h"
 #include "Wex/Type.h"
 
 namespace Kel::Q7Sync {
@@ -18,12 +16,12 @@ constexpr char kHandlerTypeName[] = "Kel::Q7Sync::SyncContainerHandler";
 constexpr char kRegistryTypeName[] = "Kel::Q7Sync::SyncContainerHandlerRegistry";
 // The one flags value whose containers start from a reset "syncAttribute".
 constexpr std::uint8_t kResetSyncAttributeFlags = 0x15;
-
-Wex::TraceHandle& traceHandle() {
-    static Wex::TraceHandle handle("KelQ7SyncContainer", false);
-    return handle;
-}
 } // namespace
+
+Wex::RunToCompletion& clientEvents() {
+    static Wex::RunToCompletion events;
+    return events;
+}
 
 // SyncContainer
 
@@ -43,9 +41,10 @@ Lumo::Ptr<SyncContainer> SyncContainer::create(Lumo::Ptr<Wex::Dir> const& dir, P
         throw Wex::NewEntityArgsException(type->name(), "syncContainerKey",
                                           fmt::format("'{}' is held by an entity of type {}", config.syncContainerKey(),
                                                       heldType ? heldType->name() : "unknown"));
-    // A container that serves another subscription is left as it is; setConfig reports it.
-    bool const accepts = !container->pathSubscribeConfig_ || config == container->pathSubscribeConfig_;
-    if (accepts && std::uint8_t(config.flags()) == kResetSyncAttributeFlags) {
+    // A container that serves another subscription is left as it is, its attribute included.
+    if (container->pathSubscribeConfig_ && !(config == container->pathSubscribeConfig_))
+        throw Wex::ReInstantiationException("pathSubscribeConfig");
+    if (std::uint8_t(config.flags()) == kResetSyncAttributeFlags) {
         Wex::WexAttr const* attr = type->attr("syncAttribute");
         if (attr && attr->kind() == Wex::AttrKind::attribute && !attr->readOnly())
             attr->genericIfSet(type->genericIf(container), {});
@@ -54,14 +53,10 @@ Lumo::Ptr<SyncContainer> SyncContainer::create(Lumo::Ptr<Wex::Dir> const& dir, P
     return container;
 }
 
+// A container serves one subscription for its whole life ("!pathSubscribeConfig_ || config ==
+// pathSubscribeConfig_").
 void SyncContainer::setConfig(PathSubscribeConfig const& config) {
-    if (pathSubscribeConfig_ && !(config == pathSubscribeConfig_)) {
-        WEX_TRACE(traceHandle(), 0, "SyncContainer",
-                  "check failed: !pathSubscribeConfig_ || config == pathSubscribeConfig_ "
-                  "(container {} keeps localUri {} remoteUri {}, refuses remoteUri {})",
-                  name(), pathSubscribeConfig_.localUri(), pathSubscribeConfig_.remoteUri(), config.remoteUri());
-        return;
-    }
+    if (pathSubscribeConfig_ && !(config == pathSubscribeConfig_)) throw Wex::ReInstantiationException("pathSubscribeConfig");
     pathSubscribeConfigIs(config);
 }
 
@@ -96,44 +91,23 @@ Lumo::Ptr<SyncContainerHandlerRegistry> syncContainerHandlerRegistryFactory() {
 
 SyncContainerHandlerRegistry::~SyncContainerHandlerRegistry() { hasNotificationActiveIs(false); }
 
+// Run to completion: a change asked for while a hand-over is under way would overtake it (the
+// handler going out would keep containers, the one coming in get some twice); it waits instead.
 void SyncContainerHandlerRegistry::syncContainerHandlerIs(Lumo::Ptr<SyncContainerHandler const> const& handler) {
     if (!handler) throw Wex::NullArgumentException("syncContainerHandler");
-    refuseIfLocked(handler->syncContainerKey());
-    syncContainerHandler_.set(handler);
+    clientEvents().post([self = Lumo::Ptr<SyncContainerHandlerRegistry>(this), handler] {
+        self->syncContainerHandler_.set(handler);
+    });
 }
 
 Lumo::Ptr<SyncContainerHandler const> SyncContainerHandlerRegistry::syncContainerHandlerDel(Lumo::String const& key) {
-    refuseIfLocked(key);
-    return syncContainerHandler_.del(key);
+    Lumo::Ptr<SyncContainerHandler const> registered = syncContainerHandler_.get(key);
+    clientEvents().post([self = Lumo::Ptr<SyncContainerHandlerRegistry>(this), key] { self->syncContainerHandler_.del(key); });
+    return registered;
 }
 
 void SyncContainerHandlerRegistry::syncContainerHandlerDelAll() {
-    if (!locks_.empty()) refuseIfLocked(locks_.front().first);
-    syncContainerHandler_.delAll();
-}
-
-bool SyncContainerHandlerRegistry::syncContainerHandlerLocked(Lumo::String const& key) const noexcept {
-    return std::any_of(locks_.begin(), locks_.end(), [&](auto const& lock) { return lock.first == key; });
-}
-
-void SyncContainerHandlerRegistry::syncContainerHandlerLockIs(Lumo::String const& key, bool locked) const {
-    auto it = std::find_if(locks_.begin(), locks_.end(), [&](auto const& lock) { return lock.first == key; });
-    if (locked) {
-        if (it == locks_.end()) locks_.emplace_back(key, 1u);
-        else ++it->second;
-    } else if (it != locks_.end() && --it->second == 0) {
-        locks_.erase(it);
-    }
-}
-
-// The handler being replaced or removed would miss containers it holds, or the one coming in
-// get some twice, if the replay under way were overtaken by another for the same key.
-void SyncContainerHandlerRegistry::refuseIfLocked(Lumo::String const& key) const {
-    if (syncContainerHandlerLocked(key))
-        throw Wex::Exception("syncContainerHandler",
-                             fmt::format("{}: the handler of '{}' cannot change while the containers of '{}' are being "
-                                         "handed to its handlers (a call from inside containerIs or containerDel)",
-                                         kRegistryTypeName, key, key));
+    clientEvents().post([self = Lumo::Ptr<SyncContainerHandlerRegistry>(this)] { self->syncContainerHandler_.delAll(); });
 }
 
 Wex::WexType const* SyncContainerHandlerRegistry::fwkType() const noexcept {

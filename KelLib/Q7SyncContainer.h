@@ -2,9 +2,6 @@
 // client's hook for the containers of one key; SyncContainerHandlerRegistry, the handlers by key.
 #pragma once
 
-#include <utility>
-#include <vector>
-
 #include "KelLib/Q7SyncSubscribeRequest.h"
 #include "Kivu/IpGenAddr.h"
 #include "Lumo/Ptr.h"
@@ -13,8 +10,15 @@
 #include "Wex/Collection.h"
 #include "Wex/Entity.h"
 #include "Wex/PtrInterface.h"
+#include "Wex/RunToCompletion.h"
 
 namespace Kel::Q7Sync {
+
+// The module's events, which run to completion: a request entering or leaving the dedup table
+// and a change of the handler registry, asked for from inside another event (by a handler
+// that is being told of a container), wait until that event has completed. One for the
+// process, as the framework thread is one.
+Wex::RunToCompletion& clientEvents();
 
 // The base of every container type. A derived type adds the attribute "syncAttribute" that
 // the subscription's localUri names and the sync service writes into.
@@ -31,8 +35,9 @@ public:
     // The container for config in dir, of config's syncContainerType and named its
     // syncContainerKey: the one dir holds under that name, or a new one. With flags 0x15 the
     // type's "syncAttribute", when it has a writable one, is reset through reflection before
-    // the container is configured. Refuses a null dir or type (Wex::NullArgumentException) and
-    // a name held by an entity of another type (Wex::NewEntityArgsException), creating nothing.
+    // the container is configured. Refuses a null dir or type (Wex::NullArgumentException), a
+    // name held by an entity of another type (Wex::NewEntityArgsException) and a container that
+    // serves another subscription (setConfig's refusal), creating and changing nothing.
     static Lumo::Ptr<SyncContainer> create(Lumo::Ptr<Wex::Dir> const& dir, PathSubscribeConfig const& config);
 
     Lumo::String syncAttributeName() const { return Lumo::String("syncAttribute"); }
@@ -40,8 +45,8 @@ public:
     Kivu::IpGenAddr const& remoteAddr() const noexcept { return pathSubscribeConfig_.remoteAddr(); }
 
     // Configures the container once: an unconfigured container takes config, a configured one
-    // accepts only its own config again. Anything else is refused with a level-0 trace and
-    // changes nothing (this runs inside notifications, so it does not throw).
+    // accepts only its own config again. Anything else is refused with
+    // Wex::ReInstantiationException of "pathSubscribeConfig" and changes nothing.
     void setConfig(PathSubscribeConfig const& config);
     // The raw setter: tells watchers (attribute kPathSubscribeConfig, previous value) of any
     // change. A container recorded in SyncContainerStatus is keyed by this value; use setConfig.
@@ -93,17 +98,13 @@ public:
     Lumo::Ptr<SyncContainerHandler const> syncContainerHandler(Lumo::String const& key) const {
         return syncContainerHandler_.get(key);
     }
-    // Registers handler under its own key; refuses null (Wex::NullArgumentException) and a
-    // locked key (Wex::Exception of "syncContainerHandler"), changing nothing.
+    // Registers handler under its own key; refuses null (Wex::NullArgumentException),
+    // changing nothing. Each change is an event of clientEvents(): asked for by a handler that
+    // is being told of a container, it is made once that event has completed.
     void syncContainerHandlerIs(Lumo::Ptr<SyncContainerHandler const> const& handler);
-    // Refuses a locked key as syncContainerHandlerIs does; DelAll refuses while any key is locked.
+    // Returns the handler it removes: the one registered when it is asked.
     Lumo::Ptr<SyncContainerHandler const> syncContainerHandlerDel(Lumo::String const& key);
     void syncContainerHandlerDelAll();
-
-    // A key is locked while a dispatch hands its containers from one handler to the next: a
-    // handler called then cannot change that key's registration. Locks are counted.
-    bool syncContainerHandlerLocked(Lumo::String const& key) const noexcept;
-    void syncContainerHandlerLockIs(Lumo::String const& key, bool locked) const;
 
     Lumo::Publisher* notifieeList() const noexcept override { return &publisher_; }
     Wex::WexType const* fwkType() const noexcept override;
@@ -113,11 +114,8 @@ protected:
     ~SyncContainerHandlerRegistry() override;
 
 private:
-    void refuseIfLocked(Lumo::String const& key) const;
-
     mutable Lumo::Publisher publisher_;
     Handlers syncContainerHandler_{"syncContainerHandler", kSyncContainerHandler, &publisher_};
-    mutable std::vector<std::pair<Lumo::String, unsigned>> locks_;  // few: one per replay running
 };
 
 Lumo::Ptr<SyncContainerHandlerRegistry> syncContainerHandlerRegistryFactory();

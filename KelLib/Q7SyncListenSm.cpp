@@ -93,13 +93,10 @@ void ListenSm::hasNotificationActiveIs(bool active) {
     statusJoinIs(active);
 }
 
-void ListenSm::configJoinIs(bool join) noexcept {
-    listenConfig_->publisher().subscriberActiveIs(&configSubscriber_, join);
-}
+void ListenSm::configJoinIs(bool join) noexcept { configWatcher_.watchIs(*listenConfig_, join); }
 
 void ListenSm::statusJoinIs(bool join) noexcept {
-    if (!q7ListenStatus_) return;
-    q7ListenStatus_->publisher().subscriberActiveIs(&statusSubscriber_, join);
+    if (q7ListenStatus_) statusWatcher_.watchIs(*q7ListenStatus_, join);
 }
 
 void ListenSm::handleListenConfig() {
@@ -154,16 +151,13 @@ void ListenSm::handleListenStatus() const {
               q7ListenStatus_->listening(), q7ListenStatus_->reason());
 }
 
-void ListenSm::ConfigSubscriber::onPublish(Lumo::Publisher const&, Lumo::Change const& change) {
-    if (sm_.zombie() || change.attribute != EffectiveListenConfig::kListenConfig) return;
-    sm_.handleListenConfig();
+void ListenSm::ConfigWatcher::onAttribute(Wex::AttributeId attribute, void const*) {
+    if (!sm_.zombie() && attribute == EffectiveListenConfig::kListenConfig) sm_.handleListenConfig();
 }
 
-void ListenSm::StatusSubscriber::onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) {
-    if (sm_.zombie() || change.attribute != Q7ListenStatus::kListening) return;
-    // Only the status watched now: one left during this delivery may still be delivering.
-    if (!sm_.q7ListenStatus_ || &publisher != &sm_.q7ListenStatus_->publisher()) return;
-    sm_.handleListenStatus();
+// A status left during its own delivery is not told again: the publisher skips a watcher that left.
+void ListenSm::StatusWatcher::onAttribute(Wex::AttributeId attribute, void const*) {
+    if (!sm_.zombie() && attribute == Q7ListenStatus::kListening) sm_.handleListenStatus();
 }
 
 // Type tables

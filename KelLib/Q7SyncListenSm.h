@@ -80,19 +80,19 @@ protected:
     ~ListenSm() override;
 
 private:
-    // One subscriber per watched publisher, so a delivery tells which one it came from.
-    class ConfigSubscriber : public Lumo::Subscriber {
+    // One watcher per watched object, so that a change tells which one it came from.
+    class ConfigWatcher : public Wex::AttributeWatcher {
     public:
-        explicit ConfigSubscriber(ListenSm& sm) noexcept : sm_(sm) {}
-        void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+        explicit ConfigWatcher(ListenSm& sm) noexcept : sm_(sm) {}
+        void onAttribute(Wex::AttributeId attribute, void const*) override;
 
     private:
         ListenSm& sm_;
     };
-    class StatusSubscriber : public Lumo::Subscriber {
+    class StatusWatcher : public Wex::AttributeWatcher {
     public:
-        explicit StatusSubscriber(ListenSm& sm) noexcept : sm_(sm) {}
-        void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+        explicit StatusWatcher(ListenSm& sm) noexcept : sm_(sm) {}
+        void onAttribute(Wex::AttributeId attribute, void const*) override;
 
     private:
         ListenSm& sm_;
@@ -104,8 +104,8 @@ private:
     Lumo::Ptr<EffectiveListenConfig const> const listenConfig_;
     Lumo::Ptr<ListenStatus> const listenStatus_;
     Lumo::Ptr<Q7ListenStatus const> q7ListenStatus_;
-    ConfigSubscriber configSubscriber_{*this};
-    StatusSubscriber statusSubscriber_{*this};
+    ConfigWatcher configWatcher_{*this};
+    StatusWatcher statusWatcher_{*this};
 };
 
 Lumo::Ptr<ListenSm> listenSmFactory(Lumo::Ptr<EffectiveListenConfig const> listenConfig,

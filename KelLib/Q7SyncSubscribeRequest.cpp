@@ -260,9 +260,11 @@ Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> PathSubscribeRequestLifeTimeNoti
     PathSubscribeRequestLifeTimeNotifierIs(Lumo::Ptr<Oru::DedupHandleBase const> const& handle) {
     if (!handle) throw Wex::NullArgumentException("handle");
     // requestRawPtr() relies on the handle being a request.
-    if (!Lumo::object_cast<PathSubscribeRequest const>(handle.ptr()))
+    auto const* request = Lumo::object_cast<PathSubscribeRequest const>(handle.ptr());
+    if (!request)
         throw Wex::NewEntityArgsException(kLtnTypeName, "handle", "is not a Kel::Q7Sync::PathSubscribeRequest");
-    Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> ltn(new PathSubscribeRequestLifeTimeNotifier(handle));
+    Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> ltn(
+        new PathSubscribeRequestLifeTimeNotifier(handle, request->pathSubscribeConfig()));
     ltn->hasNotificationActiveIs(true);
     return ltn;
 }
@@ -273,8 +275,8 @@ Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> pathSubscribeRequestLifeTimeNoti
 }
 
 PathSubscribeRequestLifeTimeNotifier::PathSubscribeRequestLifeTimeNotifier(
-    Lumo::Ptr<Oru::DedupHandleBase const> const& handle) noexcept
-    : Oru::DedupHandleLifeTimeNotifier(handle) {}
+    Lumo::Ptr<Oru::DedupHandleBase const> const& handle, PathSubscribeConfig const& pathSubscribeConfig) noexcept
+    : Oru::DedupHandleLifeTimeNotifier(handle), pathSubscribeConfig_(pathSubscribeConfig) {}
 
 PathSubscribeRequestLifeTimeNotifier::~PathSubscribeRequestLifeTimeNotifier() { hasNotificationActiveIs(false); }
 
@@ -302,7 +304,11 @@ Lumo::Ptr<PathSubscribeRequest> pathSubscribeRequestFactory(PathSubscribeConfig 
 PathSubscribeRequest::PathSubscribeRequest(PathSubscribeConfig const& pathSubscribeConfig)
     : pathSubscribeConfig_(pathSubscribeConfig) {}
 
-PathSubscribeRequest::~PathSubscribeRequest() { hasNotificationActiveIs(false); }
+PathSubscribeRequest::~PathSubscribeRequest() {
+    hasNotificationActiveIs(false);
+    // A notifier still held by the notifiee's bookkeeping must not name a request that is gone.
+    if (lifeTimeNotifier_) lifeTimeNotifier_->requestGoneIs({});
+}
 
 void PathSubscribeRequest::lifeTimeNotifierIs(
     Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier const> const& lifeTimeNotifier) {

@@ -14,6 +14,7 @@
 #include "Oru/Dedup.h"
 #include "Q7Sync/Flags.h"
 #include "Wex/CharRange.h"
+#include "Wex/Passkey.h"
 #include "Wex/Type.h"
 
 namespace Kel::Q7Sync {
@@ -113,7 +114,8 @@ std::ostream& operator<<(std::ostream& os, PathSubscribeConfig const& config);
 class PathSubscribeRequest;
 
 // The notifiee's handle on one request: names it without keeping it alive. The request holds
-// its notifier, so a notifier outlives its request only while a drain still holds it.
+// its notifier; a notifier outlives its request only while the notifiee's bookkeeping still
+// holds it, and then names no request but keeps its configuration.
 class PathSubscribeRequestLifeTimeNotifier : public Oru::DedupHandleLifeTimeNotifier {
 public:
     // Refuses a null handle (Wex::NullArgumentException "handle") and one that is not a
@@ -121,12 +123,22 @@ public:
     static Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> PathSubscribeRequestLifeTimeNotifierIs(
         Lumo::Ptr<Oru::DedupHandleBase const> const& handle);
 
+    // The request, or null once it has gone.
     PathSubscribeRequest* requestRawPtr() const noexcept;
+    // The request's configuration, also after it has gone.
+    PathSubscribeConfig const& pathSubscribeConfig() const noexcept { return pathSubscribeConfig_; }
+    // The request's destructor tells its notifier that it goes.
+    void requestGoneIs(Wex::Passkey<PathSubscribeRequest>) const noexcept { dedupedObjectGone(); }
+
     Wex::WexType const* fwkType() const noexcept override;
 
 protected:
-    explicit PathSubscribeRequestLifeTimeNotifier(Lumo::Ptr<Oru::DedupHandleBase const> const& handle) noexcept;
+    PathSubscribeRequestLifeTimeNotifier(Lumo::Ptr<Oru::DedupHandleBase const> const& handle,
+                                         PathSubscribeConfig const& pathSubscribeConfig) noexcept;
     ~PathSubscribeRequestLifeTimeNotifier() override;
+
+private:
+    PathSubscribeConfig const pathSubscribeConfig_;
 };
 
 Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> pathSubscribeRequestLifeTimeNotifierFactory(

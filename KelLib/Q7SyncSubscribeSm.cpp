@@ -1,9 +1,7 @@
 // The subscription reactors of the module.
 #include "KelLib/Q7SyncSubscribeSm.h"
 
-#include <algorithm>
 #include <exception>
-#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -62,22 +60,18 @@ Wex::WexType const* PathSubscribeRequestSetForUri::fwkType() const noexcept {
 
 namespace {
 constexpr char kNotifiee[] = "PathSubscribeRequestNotifiee";
-
-// An invariant of the request bookkeeping. A failure is recorded at level 0 with the check's
-// text and the caller carries on with whatever keeps its state consistent.
-[[gnu::noinline, gnu::cold]] bool invariantFailed(char const* function, char const* check) {
-    // Records keep their trace point by address: one per checking function, made on its first
-    // failure (framework thread only, as every request event).
-    static std::map<char const*, Memtrail::Site> sites;
-    Memtrail::Site const& site = sites.try_emplace(function, Memtrail::Site{0, kNotifiee, function, "{}"}).first->second;
-    Wex::traceWrite(traceHandle(), site, "{}", check);
-    return false;
-}
-// Checked on every request event: the holding case costs a test and nothing more.
-inline bool invariant(bool holds, char const* function, char const* check) {
-    return holds ? true : invariantFailed(function, check);
-}
 } // namespace
+
+// An invariant of the request bookkeeping, which the framework table's calling contract keeps.
+// A breach is traced at level 0 with the check's text (this runs inside notifications, so it
+// does not throw), and the caller then does `orElse` to leave its state consistent.
+#define NOTIFIEE_INVARIANT(holds, check, orElse)                       \
+    do {                                                              \
+        if (!(holds)) [[unlikely]] {                                  \
+            WEX_TRACE(traceHandle(), 0, kNotifiee, "{}", check);      \
+            orElse;                                                   \
+        }                                                             \
+    } while (false)
 
 Lumo::Ptr<PathSubscribeRequestNotifiee> PathSubscribeRequestNotifiee::PathSubscribeRequestNotifieeIs(
     Lumo::Ptr<EffectiveSubscribeConfig> const& effectiveSubscribeConfig) {
@@ -130,12 +124,19 @@ Lumo::Ptr<PathSubscribeRequestSetForUri> PathSubscribeRequestNotifiee::requestSe
     return requestSetForRemoteUri_.del(uri);
 }
 
+// Run to completion: a request asked for from inside another event is filed once that event has
+// completed; the event holds the request until then.
 void PathSubscribeRequestNotifiee::handleInsert(Lumo::Ptr<Oru::DedupHandleBase> const& handle) const {
     auto* request = Lumo::object_cast<PathSubscribeRequest>(handle.ptr());
-    if (!invariant(request != nullptr, __func__, "request is a PathSubscribeRequest")) return;
+    NOTIFIEE_INVARIANT(request != nullptr, "request is a PathSubscribeRequest", return);
+    clientEvents().post([self = Lumo::Ptr<PathSubscribeRequestNotifiee const>(this),
+                         request = Lumo::Ptr<PathSubscribeRequest>(request)] { self->trackRequest(request); });
+}
+
+void PathSubscribeRequestNotifiee::trackRequest(Lumo::Ptr<PathSubscribeRequest> const& request) const {
     // A request tracked already stays as it is filed.
-    if (!invariant(request->lifeTimeNotifier() == nullptr, __func__, "request->lifeTimeNotifier() == nullptr")) return;
-    RequestLtn const ltn = PathSubscribeRequestLifeTimeNotifier::PathSubscribeRequestLifeTimeNotifierIs(handle);
+    NOTIFIEE_INVARIANT(request->lifeTimeNotifier() == nullptr, "request->lifeTimeNotifier() == nullptr", return);
+    RequestLtn const ltn = PathSubscribeRequestLifeTimeNotifier::PathSubscribeRequestLifeTimeNotifierIs(request);
     request->lifeTimeNotifierIs(ltn);
     addRequestToSet(requestSetForRemoteUriIs(request->remoteUri()), ltn);
     addRequestToSet(requestSetForLocalUriIs(request->localUri()), ltn);
@@ -148,30 +149,36 @@ void PathSubscribeRequestNotifiee::addRequestToSet(Lumo::Ptr<PathSubscribeReques
     requestSet->requestIs(requestLtn);
     if (requestSet->requests() == 2) {
         // The sole request so far may have been effective; now it cannot be.
-        if (invariant(nullptr != currentRequestLtn, __func__, "nullptr != currentRequestLtn"))
-            pendingRequestIs(currentRequestLtn);
+        NOTIFIEE_INVARIANT(nullptr != currentRequestLtn, "nullptr != currentRequestLtn", return);
+        pendingRequestIs(currentRequestLtn);
     } else if (requestSet->requests() == 1) {
         pendingRequestIs(requestLtn);
     }
     // With three or more none of them is effective, before or after.
 }
 
-// Called with the request still whole, from its last release: nothing here may take a counted
-// pointer to it.
+// Called with the request still whole, from its last release, which it does not outlive: the
+// event keeps its notifier, whose configuration is the request's, and touches the request only
+// while it is there (its notifier loses it when it goes).
 void PathSubscribeRequestNotifiee::handleRemove(Oru::DedupHandleBase* handle) const {
     auto* request = Lumo::object_cast<PathSubscribeRequest>(handle);
-    if (!invariant(request != nullptr, __func__, "request is a PathSubscribeRequest")) return;
-    // Held here so that it outlives the bookkeeping below.
-    RequestLtn const lifeTimeNotifier = request->lifeTimeNotifier();
-    if (!invariant(lifeTimeNotifier != nullptr, __func__, "lifeTimeNotifier != nullptr")) return;
-    Lumo::Ptr<PathSubscribeRequestSetForUri> const remoteSet = requestSetForRemoteUri_.get(request->remoteUri());
-    if (invariant(remoteSet != nullptr, __func__, "requestSetForRemoteUriHas( request->remoteUri() )"))
-        removeRequestFromSet(remoteSet, lifeTimeNotifier);
-    Lumo::Ptr<PathSubscribeRequestSetForUri> const localSet = requestSetForLocalUri_.get(request->localUri());
-    if (invariant(localSet != nullptr, __func__, "requestSetForLocalUriHas( request->localUri() )"))
-        removeRequestFromSet(localSet, lifeTimeNotifier);
+    NOTIFIEE_INVARIANT(request != nullptr, "request is a PathSubscribeRequest", return);
+    RequestLtn lifeTimeNotifier = request->lifeTimeNotifier();
+    NOTIFIEE_INVARIANT(lifeTimeNotifier != nullptr, "lifeTimeNotifier != nullptr", return);
+    clientEvents().post([self = Lumo::Ptr<PathSubscribeRequestNotifiee const>(this),
+                         ltn = std::move(lifeTimeNotifier)] { self->untrackRequest(ltn); });
+}
+
+void PathSubscribeRequestNotifiee::untrackRequest(RequestLtn const& requestLtn) const {
+    PathSubscribeConfig const& config = requestLtn->pathSubscribeConfig();
+    Lumo::Ptr<PathSubscribeRequestSetForUri> const remoteSet = requestSetForRemoteUri_.get(config.remoteUri());
+    NOTIFIEE_INVARIANT(remoteSet != nullptr, "requestSetForRemoteUriHas( request->remoteUri() )", {});
+    if (remoteSet) removeRequestFromSet(remoteSet, requestLtn);
+    Lumo::Ptr<PathSubscribeRequestSetForUri> const localSet = requestSetForLocalUri_.get(config.localUri());
+    NOTIFIEE_INVARIANT(localSet != nullptr, "requestSetForLocalUriHas( request->localUri() )", {});
+    if (localSet) removeRequestFromSet(localSet, requestLtn);
     drainPendingRequests();
-    request->lifeTimeNotifierIs(nullptr);
+    if (PathSubscribeRequest* request = requestLtn->requestRawPtr()) request->lifeTimeNotifierIs(nullptr);
 }
 
 void PathSubscribeRequestNotifiee::removeRequestFromSet(Lumo::Ptr<PathSubscribeRequestSetForUri> const& requestSet,
@@ -184,17 +191,18 @@ void PathSubscribeRequestNotifiee::removeRequestFromSet(Lumo::Ptr<PathSubscribeR
         // Which collection files the set: compared by identity, so that a local and a remote
         // URI that happen to be equal are still told apart.
         Lumo::String const uri = requestSet->uri();
-        if (requestSetForLocalUri_.get(uri) == requestSet) requestSetForLocalUriDel(uri);
-        else if (invariant(requestSetForRemoteUri_.get(uri) == requestSet, __func__,
-                           "requestSetForRemoteUriHas( set->uri() )"))
+        if (requestSetForLocalUri_.get(uri) == requestSet) {
+            requestSetForLocalUriDel(uri);
+        } else {
+            NOTIFIEE_INVARIANT(requestSetForRemoteUri_.get(uri) == requestSet, "requestSetForRemoteUriHas( set->uri() )",
+                               return);
             requestSetForRemoteUriDel(uri);
+        }
         // Its own configuration may have to leave the effective set.
         pendingRequestIs(requestLtn);
     }
 }
 
-// A nested event (a reactor releasing or asking for a request from inside a notification sent
-// here) drains everything pending itself; the visit below skips what it took.
 void PathSubscribeRequestNotifiee::drainPendingRequests() const {
     WEX_TRACE(traceHandle(), 8, kNotifiee, "");
     pendingRequest_.forEachSafe([this](RequestLtn const& ltn) { handleRequest(ltn); });
@@ -202,25 +210,13 @@ void PathSubscribeRequestNotifiee::drainPendingRequests() const {
 }
 
 void PathSubscribeRequestNotifiee::handleRequest(RequestLtn const& requestLtn) const {
-    PathSubscribeRequest const* request = requestLtn->requestRawPtr();
     // A copy: the reactors run by the changes below may release the request.
-    PathSubscribeConfig const config = request->pathSubscribeConfig();
+    PathSubscribeConfig const config = requestLtn->pathSubscribeConfig();
     Lumo::Ptr<PathSubscribeRequestSetForUri> const remoteSet = requestSetForRemoteUri_.get(config.remoteUri());
     std::size_t const requestCountForRemoteUri = remoteSet ? remoteSet->requests() : 0;
     Lumo::Ptr<PathSubscribeRequestSetForUri> const localSet = requestSetForLocalUri_.get(config.localUri());
     std::size_t const requestCountForLocalUri = localSet ? localSet->requests() : 0;
-    // A request a handler released while it was still pending from an outer event has left its
-    // sets, which may now hold others: the decision is that of the request filed for the same
-    // configuration in its place, if a handler asked for it again, and otherwise to remove it.
-    RequestLtn filed = requestLtn;
-    if (!remoteSet || !remoteSet->requestHas(filed)) {
-        filed = nullptr;
-        if (remoteSet)
-            for (RequestLtn const& ltn : remoteSet->request())
-                if (ltn->requestRawPtr()->pathSubscribeConfig() == config) filed = ltn;
-    }
-    if (filed && (!localSet || !localSet->requestHas(filed))) filed = nullptr;
-    if (requestCountForLocalUri == 1 && requestCountForRemoteUri == 1 && filed) {
+    if (requestCountForLocalUri == 1 && requestCountForRemoteUri == 1) {
         WEX_TRACE(traceHandle(), 8, kNotifiee, "Add subscribe config for ltn {} with remoteUri {}", requestLtn,
                   config.remoteUri());
         effectiveSubscribeConfig_->pathSubscribeConfigIs(config);
@@ -234,24 +230,27 @@ void PathSubscribeRequestNotifiee::handleRequest(RequestLtn const& requestLtn) c
 }
 
 void PathSubscribeRequestNotifiee::handleNotificationStop(Lumo::Ptr<Oru::DedupHashTable const> const& table) const {
+    clientEvents().post(
+        [self = Lumo::Ptr<PathSubscribeRequestNotifiee const>(this), table] { self->untrackAll(table); });
+}
+
+// The table no longer tells this notifiee of anything: a request that a reactor or handler
+// releases while this runs dies unannounced, and is untracked here by its notifier alone.
+void PathSubscribeRequestNotifiee::untrackAll(Lumo::Ptr<Oru::DedupHashTable const> const& table) const {
     WEX_TRACE(traceHandle(), 1, kNotifiee, "{}", table);
-    // Every tracked request is held until the end: a reactor run by a drain below may release
-    // the last client pointer of one not yet untracked, and the table, detached already, would
-    // let it die unannounced while its notifier is still filed here.
-    std::vector<Lumo::Ptr<PathSubscribeRequest>> tracked;
+    std::vector<RequestLtn> tracked;
     for (auto const& set : requestSetForRemoteUri_)
-        for (RequestLtn const& ltn : set->request()) tracked.emplace_back(ltn->requestRawPtr());
-    for (Lumo::Ptr<PathSubscribeRequest> const& request : tracked) {
-        if (!request->lifeTimeNotifier()) continue;  // untracked by a nested stop
-        request->dedupStateIs(Oru::DedupHandleState::notificationStopped);
-        handleRemove(request.ptr());
+        for (RequestLtn const& ltn : set->request()) tracked.push_back(ltn);
+    for (RequestLtn const& ltn : tracked) {
+        if (PathSubscribeRequest* request = ltn->requestRawPtr())
+            request->dedupStateIs(Oru::DedupHandleState::notificationStopped);
+        untrackRequest(ltn);
     }
-    if (!invariant(!requestSetForLocalUris(), __func__,
-                   "!requestSetForLocalUris() && \"Must have been cleaned up above\"")) {
-        // No notifier may stay filed here once its request is untracked.
+    // No notifier may stay filed here once its request is untracked.
+    NOTIFIEE_INVARIANT(!requestSetForLocalUris(), "!requestSetForLocalUris() && \"Must have been cleaned up above\"", {
         requestSetForLocalUriDelAll();
         requestSetForRemoteUriDelAll();
-    }
+    });
 }
 
 // SyncContainerStatus
@@ -335,16 +334,14 @@ SyncContainerSm::~SyncContainerSm() {
 void SyncContainerSm::hasNotificationActiveIs(bool active) {
     if (active == notificationActive()) return;
     PtrInterface::hasNotificationActiveIs(active);
-    if (!subscribeConfig_) return;
-    Lumo::Publisher* publisher = subscribeConfig_->notifieeList();
-    publisher->subscriberActiveIs(this, active);
+    if (subscribeConfig_) subscribeConfig_->pathSubscribeConfig().watcherIs(this, active);
 }
 
-void SyncContainerSm::onPublish(Lumo::Publisher const&, Lumo::Change const& change) {
-    if (zombie() || change.attribute != EffectiveSubscribeConfig::kPathSubscribeConfig || !change.key) return;
-    // The key is the value the collection was handed (or gave back), held by the collection's
-    // caller for the whole delivery: no copy needed.
-    handlePathSubscribeConfig(*static_cast<PathSubscribeConfig const*>(change.key));
+// The key is the value the collection was handed (or gave back), held by the collection's
+// caller for the whole delivery: no copy needed.
+void SyncContainerSm::onMember(EffectiveSubscribeConfig::Configs const&, PathSubscribeConfig const& config,
+                               PathSubscribeConfig const*) {
+    if (!zombie()) handlePathSubscribeConfig(config);
 }
 
 void SyncContainerSm::handlePathSubscribeConfig(PathSubscribeConfig const& pathSubscribeConfig) {
@@ -366,17 +363,9 @@ void SyncContainerSm::handlePathSubscribeConfig() {
 
 void SyncContainerSm::addContainer(PathSubscribeConfig const& config) {
     WEX_TRACE(traceHandle(), 1, "SyncContainerSm", "localUri {}", config.localUri());
-    // The place may still hold the container of a subscription that ended while this one began
-    // (a handler asked for this one from inside the other's withdrawal): that one goes first.
-    if (auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey())))
-        if (auto held = Lumo::ptr_cast<SyncContainer>(agentDir->entityPtr(config.syncContainerKey()))) {
-            PathSubscribeConfig const heldConfig = held->pathSubscribeConfig();
-            if (heldConfig && !(heldConfig == config) && !syncContainerStatus_->syncContainer().has(heldConfig) &&
-                !(subscribeConfig_ && subscribeConfig_->pathSubscribeConfigHas(heldConfig)))
-                removeContainer(heldConfig);
-        }
-    // Runs inside notifications: whatever the directory or the container type refuses is
-    // traced, and the subscription goes without a container.
+    // Runs inside notifications: whatever the directory or the container type refuses (a place
+    // held by the container of another subscription in force, say) is traced, and the
+    // subscription goes without a container.
     Lumo::Ptr<SyncContainer> container;
     std::string failure;
     try {
@@ -392,20 +381,16 @@ void SyncContainerSm::addContainer(PathSubscribeConfig const& config) {
         agentDirDelIfEmpty(config.remoteAgentKey());
         return;
     }
-    // A container that serves another subscription (setConfig refused this one) stays that
-    // subscription's: this one is not recorded.
-    if (container->pathSubscribeConfig() == config) syncContainerStatus_->syncContainerIs(container);
+    syncContainerStatus_->syncContainerIs(container);
 }
 
 void SyncContainerSm::removeContainer(PathSubscribeConfig const& config) {
     WEX_TRACE(traceHandle(), 1, "SyncContainerSm", "localUri {}", config.localUri());
-    // Found before the record goes: handlers told of its removal may ask for the subscription
-    // again or end it once more.
-    auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey()));
-    auto syncContainer = agentDir ? Lumo::ptr_cast<SyncContainer>(agentDir->entityPtr(config.syncContainerKey())) : nullptr;
     // The record goes first: its watchers unsubscribe and withdraw the container while it is
     // still in its directory.
     syncContainerStatus_->syncContainerDel(config);
+    auto agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey()));
+    auto syncContainer = agentDir ? Lumo::ptr_cast<SyncContainer>(agentDir->entityPtr(config.syncContainerKey())) : nullptr;
     if (nullptr == syncContainer) {
         WEX_TRACE(traceHandle(), 0, "SyncContainerSm",
                   "check failed: nullptr != syncContainer && \"A container must have been created before\" (localUri {})",
@@ -418,10 +403,6 @@ void SyncContainerSm::removeContainer(PathSubscribeConfig const& config) {
                   syncContainer->pathSubscribeConfig().remoteUri());
         return;
     }
-    // Asked for again meanwhile, it keeps its container; ended once more, it has none left.
-    if (syncContainerStatus_->syncContainer().has(config)) return;
-    agentDir = Lumo::ptr_cast<Wex::Dir>(remoteDir_->entityPtr(config.remoteAgentKey()));
-    if (!agentDir || agentDir->entityPtr(config.syncContainerKey()) != syncContainer) return;
     agentDir->deleteEntity(config.syncContainerKey());
     agentDirDelIfEmpty(config.remoteAgentKey());
 }
@@ -470,9 +451,8 @@ SubscribeSm::~SubscribeSm() {
 void SubscribeSm::hasNotificationActiveIs(bool active) {
     if (active != notificationActive()) {
         PtrInterface::hasNotificationActiveIs(active);
-        for (Lumo::Publisher* publisher : {subscribeConfig_->notifieeList(), syncContainerStatus_->notifieeList()}) {
-            publisher->subscriberActiveIs(this, active);
-        }
+        subscribeConfig_->pathSubscribeConfig().watcherIs(this, active);
+        syncContainerStatus_->syncContainer().watcherIs(this, active);
     }
     for (auto const& sm : wexQ7SyncStatus_) sm->hasNotificationActiveIs(active);
 }
@@ -482,17 +462,16 @@ void SubscribeSm::wexDoZombieReactors(bool marked) {
     for (auto const& sm : wexQ7SyncStatus_) sm->wexDoZombieReactors(marked);
 }
 
-void SubscribeSm::onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) {
-    if (zombie() || !change.key) return;
-    // Both collections number their attribute 130: the publisher tells them apart.
-    bool const configChanged = &publisher == subscribeConfig_->notifieeList() &&
-                               change.attribute == EffectiveSubscribeConfig::kPathSubscribeConfig;
-    bool const containerChanged = &publisher == syncContainerStatus_->notifieeList() &&
-                                  change.attribute == SyncContainerStatus::kSyncContainer;
-    if (!configChanged && !containerChanged) return;
-    // The key outlives the delivery (a value held by the collection's caller, or the held
-    // container's own configuration, which nothing below changes): no copy needed.
-    handlePathSubscribeConfig(*static_cast<PathSubscribeConfig const*>(change.key));
+// The key outlives the delivery (a value held by the collection's caller, or the held
+// container's own configuration, which nothing below changes): no copy needed.
+void SubscribeSm::onMember(EffectiveSubscribeConfig::Configs const&, PathSubscribeConfig const& config,
+                           PathSubscribeConfig const*) {
+    if (!zombie()) handlePathSubscribeConfig(config);
+}
+
+void SubscribeSm::onMember(SyncContainerStatus::Containers const&, PathSubscribeConfig const& config,
+                           Lumo::Ptr<SyncContainer const> const*) {
+    if (!zombie()) handlePathSubscribeConfig(config);
 }
 
 void SubscribeSm::handlePathSubscribeConfig(PathSubscribeConfig const& config) {
@@ -514,32 +493,16 @@ void SubscribeSm::handlePathSubscribeConfig() {
 }
 
 void SubscribeSm::subscribe(PathSubscribeConfig const& config) {
-    // The remote URI may still be subscribed for a subscription that ended while this one
-    // began (a handler asked for this one from inside the other's withdrawal, before this
-    // reactor heard of the end): that one is unsubscribed first, so the service starts afresh.
-    if (wexQ7SyncStatus_.has(config.remoteUri()) && !subscribeStatus_->pathSubscribeStatus().has(config)) {
-        std::vector<PathSubscribeConfig> ended;
-        for (Lumo::Ptr<PathSubscribeStatus> const& entry : subscribeStatus_->pathSubscribeStatus())
-            if (entry->pathSubscribeConfig().remoteUri() == config.remoteUri()) ended.push_back(entry->pathSubscribeConfig());
-        for (PathSubscribeConfig const& other : ended) unsubscribe(other);
-    }
     WEX_TRACE(traceHandle(), 1, "SubscribeSm", "remoteUri={}, localUri={}, flags={}", config.remoteUri(),
               config.localUri(), config.flags());
     Lumo::Ptr<SyncStatus const> const status =
         ::Q7Sync::WexUtils::subscribe(config.remoteUri(), config.localUri(), config.flags());
     // The sync service promises a status, and the same one while subscribed. A broken promise
-    // is traced rather than thrown (this runs inside notifications) and records nothing.
-    if (!status) {
-        WEX_TRACE(traceHandle(), 0, "SubscribeSm", "remoteUri={}: the sync service returned no status",
-                  config.remoteUri());
-        return;
-    }
+    // is refused before either record takes it: the two stay as they were. (Inside a
+    // notification, the publisher confines the error to this reactor.)
+    if (!status) throw Wex::NullArgumentException("q7SyncStatus");
     Lumo::Ptr<PathSubscribeStatus> const recorded = subscribeStatus_->pathSubscribeStatus(config);
-    if (recorded && recorded->syncStatus() != status) {
-        WEX_TRACE(traceHandle(), 0, "SubscribeSm",
-                  "remoteUri={}: the sync service returned another status than the one recorded", config.remoteUri());
-        return;
-    }
+    if (recorded && recorded->syncStatus() != status) throw Wex::ReInstantiationException("syncStatus");
     q7SyncStatusIs(status);
     subscribeStatus_->pathSubscribeStatusIs(config, status);
 }
@@ -649,31 +612,34 @@ SyncContainerHandlerSm::SyncContainerHandlerSm(Lumo::Ptr<SyncContainerHandlerReg
     : syncContainerHandlerRegistry_(std::move(syncContainerHandlerRegistry)),
       syncContainerStatus_(std::move(syncContainerStatus)) {
     hasNotificationActiveIs(true);
-    handleInitialized();
-    // Hands each recorded container to its key's handler a second time; handlers accept that.
-    registryNotifiee_.on_self0(nullptr, syncContainerHandlerRegistry_);
+    // One event, so that what handlers ask for meanwhile waits until both replays are done.
+    clientEvents().now([this] {
+        handleInitialized();
+        // Hands each recorded container to its key's handler a second time; handlers accept that.
+        registryNotifiee_.on_self0(nullptr, syncContainerHandlerRegistry_);
+    });
 }
 
 SyncContainerHandlerSm::~SyncContainerHandlerSm() {
     hasNotificationActiveIs(false);
-    doCleanup();
-    wexDoZombieReactors(true);
-    if (syncContainerHandlerRegistry_)
-        on_syncContainerHandlerRegistry::on_shutdown(*this, *syncContainerHandlerRegistry_);
+    // One event: what handlers ask for while they are told finds the reactor gone.
+    clientEvents().now([this] {
+        doCleanup();
+        wexDoZombieReactors(true);
+        if (syncContainerHandlerRegistry_)
+            on_syncContainerHandlerRegistry::on_shutdown(*this, *syncContainerHandlerRegistry_);
+    });
 }
 
 void SyncContainerHandlerSm::hasNotificationActiveIs(bool active) {
     if (active == notificationActive()) return;
     PtrInterface::hasNotificationActiveIs(active);
-    if (!syncContainerStatus_) return;
-    Lumo::Publisher* publisher = syncContainerStatus_->notifieeList();
-    publisher->subscriberActiveIs(this, active);
+    if (syncContainerStatus_) syncContainerStatus_->syncContainer().watcherIs(this, active);
 }
 
-void SyncContainerHandlerSm::onPublish(Lumo::Publisher const&, Lumo::Change const& change) {
-    if (zombie() || change.attribute != SyncContainerStatus::kSyncContainer || !change.key) return;
-    PathSubscribeConfig const config = *static_cast<PathSubscribeConfig const*>(change.key);
-    handleSyncContainer(config);
+void SyncContainerHandlerSm::onMember(SyncContainerStatus::Containers const&, PathSubscribeConfig const& config,
+                                      Lumo::Ptr<SyncContainer const> const*) {
+    if (!zombie()) handleSyncContainer(config);
 }
 
 void SyncContainerHandlerSm::handleSyncContainerHandler(Lumo::String const& syncContainerKey, Handler const& oldHandler,
@@ -682,54 +648,18 @@ void SyncContainerHandlerSm::handleSyncContainerHandler(Lumo::String const& sync
     replay(syncContainerKey, oldHandler, newHandler);
 }
 
-// A replay under way: the subscriptions it has not come to yet are still held by the outgoing
-// handler and not by the incoming one. Handlers it calls may end or start subscriptions; a
-// status change of one of these is left to the replay, which reads the record when it gets
-// there. The key stays locked in the registry meanwhile.
-struct SyncContainerHandlerSm::Replay {
-    Replay(SyncContainerHandlerSm& sm, Lumo::String key) : sm(sm), key(std::move(key)), outer(sm.replay_) {
-        if (sm.syncContainerHandlerRegistry_) sm.syncContainerHandlerRegistry_->syncContainerHandlerLockIs(this->key, true);
-        sm.replay_ = this;
-    }
-    Replay(Replay const&) = delete;
-    Replay& operator=(Replay const&) = delete;
-    ~Replay() {
-        sm.replay_ = outer;
-        if (sm.syncContainerHandlerRegistry_) sm.syncContainerHandlerRegistry_->syncContainerHandlerLockIs(key, false);
-    }
-
-    SyncContainerHandlerSm& sm;
-    Lumo::String const key;
-    // A set: the replay visits each container of the key once and every notification during it
-    // asks whether its container is among these, so a list would make the replay quadratic.
-    Wex::Collection<PathSubscribeConfig, PathSubscribeConfig> notYet{"notYet", 0};
-    Replay* const outer;
-};
-
+// The key's containers as recorded when the hand-over begins: the handlers it calls cannot
+// change them meanwhile, as what they ask for waits until the event has run to completion.
 void SyncContainerHandlerSm::replay(Lumo::String const& syncContainerKey, Handler const& oldHandler,
                                     Handler const& newHandler) {
     if (!syncContainerStatus_) return;
-    std::vector<Lumo::Ptr<SyncContainer const>> const containers =
-        syncContainerStatus_->syncContainersOfKey(syncContainerKey);
-    if (containers.empty()) return;
-    Replay replay(*this, syncContainerKey);
-    replay.notYet.reserve(containers.size());
-    for (Lumo::Ptr<SyncContainer const> const& container : containers)
-        replay.notYet.set(container->pathSubscribeConfig());
-    for (Lumo::Ptr<SyncContainer const> const& container : containers) {
-        PathSubscribeConfig const config = container->pathSubscribeConfig();
-        // The outgoing handler holds it even when it has ended meanwhile: nobody else told it.
-        if (oldHandler) withdrawContainer(oldHandler, config);
-        replay.notYet.del(config);
-        if (!newHandler) continue;
-        if (Lumo::Ptr<SyncContainer const> const now = syncContainerStatus_->syncContainer(config))
-            giveContainer(newHandler, now);
+    for (Lumo::Ptr<SyncContainer const> const& container : syncContainerStatus_->syncContainersOfKey(syncContainerKey)) {
+        if (oldHandler) withdrawContainer(oldHandler, container->pathSubscribeConfig());
+        if (newHandler) giveContainer(newHandler, container);
     }
 }
 
 void SyncContainerHandlerSm::handleSyncContainer(PathSubscribeConfig const& pathSubscribeConfig) {
-    for (Replay const* r = replay_; r; r = r->outer)
-        if (r->key == pathSubscribeConfig.syncContainerKey() && r->notYet.has(pathSubscribeConfig)) return;
     Handler const handler = syncContainerHandlerRegistry_
                                 ? syncContainerHandlerRegistry_->syncContainerHandler(pathSubscribeConfig.syncContainerKey())
                                 : nullptr;
@@ -754,20 +684,16 @@ void SyncContainerHandlerSm::handleInitialized() {
 void SyncContainerHandlerSm::doCleanup() {
     WEX_TRACE(traceHandle(), 8, "SyncContainerHandlerSm", "");
     if (!syncContainerStatus_ || !syncContainerHandlerRegistry_) return;
-    // Key by key, each a replay to no handler, so that whatever the handlers do meanwhile
-    // every container they hold is withdrawn.
-    std::vector<Lumo::String> keys;
-    for (Handler const& handler : syncContainerHandlerRegistry_->syncContainerHandler())
-        keys.push_back(handler->syncContainerKey());
-    for (Lumo::String const& key : keys)
-        if (Handler const handler = syncContainerHandlerRegistry_->syncContainerHandler(key)) replay(key, handler, nullptr);
+    syncContainerHandlerRegistry_->syncContainerHandler().forEachSafe(
+        [this](Handler const& handler) { replay(handler->syncContainerKey(), handler, nullptr); });
 }
 
-// Handlers are the client's code, called inside notifications: one that throws is traced and
-// the dispatch goes on with the next container.
+// Handlers are the client's code, called inside notifications, and within an event of
+// clientEvents() (what they ask of the module waits until it completes): one that throws is
+// traced and the dispatch goes on with the next container.
 void SyncContainerHandlerSm::giveContainer(Handler const& handler, Lumo::Ptr<SyncContainer const> const& container) {
     try {
-        handler->containerIs(container);
+        clientEvents().now([&] { handler->containerIs(container); });
     } catch (std::exception const& e) {
         WEX_TRACE(traceHandle(), 0, "SyncContainerHandlerSm", "handler of {} threw from containerIs: {}",
                   handler->syncContainerKey(), e.what());
@@ -776,7 +702,7 @@ void SyncContainerHandlerSm::giveContainer(Handler const& handler, Lumo::Ptr<Syn
 
 void SyncContainerHandlerSm::withdrawContainer(Handler const& handler, PathSubscribeConfig const& config) {
     try {
-        handler->containerDel(config);
+        clientEvents().now([&] { handler->containerDel(config); });
     } catch (std::exception const& e) {
         WEX_TRACE(traceHandle(), 0, "SyncContainerHandlerSm", "handler of {} threw from containerDel: {}",
                   handler->syncContainerKey(), e.what());
@@ -787,12 +713,9 @@ Wex::WexType const* SyncContainerHandlerSm::fwkType() const noexcept { return We
 
 // SyncContainerHandlerSm::on_syncContainerHandlerRegistry
 
-void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::onPublish(Lumo::Publisher const&,
-                                                                        Lumo::Change const& change) {
-    if (change.attribute != SyncContainerHandlerRegistry::kSyncContainerHandler || !change.key) return;
-    Lumo::String const key = *static_cast<Lumo::String const*>(change.key);
-    Handler const old = change.prev ? *static_cast<Handler const*>(change.prev) : Handler();
-    on_child(key, old);
+void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::onMember(SyncContainerHandlerRegistry::Handlers const&,
+                                                                       Lumo::String const& key, Handler const* old) {
+    on_child(key, old ? *old : Handler());
 }
 
 void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::on_child(Lumo::String const& key, Handler const& old) {
@@ -802,8 +725,8 @@ void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::on_child(Lumo::Str
 
 void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::on_self0(
     Lumo::Ptr<SyncContainerHandlerRegistry const> const& r0, Lumo::Ptr<SyncContainerHandlerRegistry const> const& r1) {
-    if (r0) r0->notifieeList()->subscriberDel(this);
-    if (r1) r1->notifieeList()->subscriberIs(this);
+    if (r0) r0->syncContainerHandler().watcherIs(this, false);
+    if (r1) r1->syncContainerHandler().watcherIs(this, true);
     if (r0)
         r0->syncContainerHandler().forEachSafe([&](Handler const& handler) {
             Lumo::String const key = handler->syncContainerKey();
@@ -818,7 +741,7 @@ void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::on_self0(
 
 void SyncContainerHandlerSm::on_syncContainerHandlerRegistry::on_shutdown(
     SyncContainerHandlerSm& reactor, SyncContainerHandlerRegistry const& registry) noexcept {
-    registry.notifieeList()->subscriberDel(&reactor.registryNotifiee_);
+    registry.syncContainerHandler().watcherIs(&reactor.registryNotifiee_, false);
 }
 
 namespace {

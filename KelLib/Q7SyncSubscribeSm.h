@@ -84,6 +84,8 @@ Lumo::Ptr<PathSubscribeRequestSetForUri> pathSubscribeRequestSetForUriFactory(Lu
 // local URI and keeps EffectiveSubscribeConfig to the rule: a configuration is effective
 // exactly when its request is the only one for its remote URI and the only one for its local
 // URI. Each event updates the sets first and then re-evaluates the requests it made pending.
+// Events run to completion (clientEvents()): a request asked for or released from inside
+// another event, by a handler say, is filed or dropped once that event has completed.
 // Everything here runs inside notifications: a broken invariant is traced at level 0, never
 // thrown.
 class PathSubscribeRequestNotifiee : public Oru::DedupHashTableLifeTimeNotifiee {
@@ -106,12 +108,13 @@ public:
 
     // The framework table's calls: a request entered the table, left it, or the table stopped
     // telling this notifiee (every tracked request is then untracked, every configuration
-    // leaves EffectiveSubscribeConfig).
+    // leaves EffectiveSubscribeConfig). Each is an event of its own.
     void handleInsert(Lumo::Ptr<Oru::DedupHandleBase> const& request) const override;
     void handleRemove(Oru::DedupHandleBase* request) const override;
     void handleNotificationStop(Lumo::Ptr<Oru::DedupHashTable const> const& table) const override;
 
-    // The steps of an event. Arguments are never null; requestLtn names a live request.
+    // The steps of an event. Arguments are never null; requestLtn's request may be gone (its
+    // configuration is the notifier's).
     void handleRequest(RequestLtn const& requestLtn) const;
     void drainPendingRequests() const;
     void addRequestToSet(Lumo::Ptr<PathSubscribeRequestSetForUri> const& requestSet,
@@ -147,6 +150,10 @@ protected:
     ~PathSubscribeRequestNotifiee() override;
 
 private:
+    void trackRequest(Lumo::Ptr<PathSubscribeRequest> const& request) const;
+    void untrackRequest(RequestLtn const& requestLtn) const;
+    void untrackAll(Lumo::Ptr<Oru::DedupHashTable const> const& table) const;
+
     Lumo::Ptr<EffectiveSubscribeConfig> effectiveSubscribeConfig_;
     mutable Pending pendingRequest_{"pendingRequest", kPendingRequest};
     mutable RequestSets requestSetForLocalUri_{"requestSetForLocalUri", kRequestSetForLocalUri};
@@ -202,7 +209,7 @@ Lumo::Ptr<SyncContainerStatus> syncContainerStatusFactory();
 // syncContainerKey and records it; takes record and container away when the subscription
 // ends, the record first, so that watchers of the status still find the container in place.
 // Destroying the reactor leaves containers and records as they are.
-class SyncContainerSm : public Wex::PtrInterface, private Lumo::Subscriber {
+class SyncContainerSm : public Wex::PtrInterface, private EffectiveSubscribeConfig::Configs::Watcher {
 public:
     // Refuses a null status or directory (Wex::NullArgumentException); a null configuration
     // counts as an empty one.
@@ -230,7 +237,8 @@ protected:
     ~SyncContainerSm() override;
 
 private:
-    void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+    void onMember(EffectiveSubscribeConfig::Configs const&, PathSubscribeConfig const& config,
+                  PathSubscribeConfig const* removed) override;
     void agentDirDelIfEmpty(Lumo::String const& remoteAgentKey);
 
     Lumo::Ptr<EffectiveSubscribeConfig const> const subscribeConfig_;
@@ -246,7 +254,9 @@ Lumo::Ptr<SyncContainerSm> syncContainerSmFactory(Lumo::Ptr<EffectiveSubscribeCo
 // recorded, and unsubscribes it as soon as either is missing. Keeps each returned status in
 // SubscribeStatus and watches it through a Q7SyncStatusSm per remote URI. Destroying the
 // reactor unsubscribes nothing and leaves SubscribeStatus as it is.
-class SubscribeSm : public Wex::PtrInterface, private Lumo::Subscriber {
+class SubscribeSm : public Wex::PtrInterface,
+                    private EffectiveSubscribeConfig::Configs::Watcher,
+                    private SyncContainerStatus::Containers::Watcher {
 public:
     using SyncStatus = Q7Serdes::WexUtils::SyncStatus;
 
@@ -298,6 +308,9 @@ public:
     Lumo::Ptr<SyncContainerStatus> const& syncContainerStatus() const noexcept { return syncContainerStatus_; }
     Lumo::Ptr<SubscribeStatus> const& subscribeStatus() const noexcept { return subscribeStatus_; }
 
+    // Records the status the service returns. A null status (Wex::NullArgumentException of
+    // "q7SyncStatus") or one other than the status recorded for config
+    // (Wex::ReInstantiationException of "syncStatus") is refused, and nothing is recorded.
     void subscribe(PathSubscribeConfig const& config);
     void unsubscribe(PathSubscribeConfig const& config);
     // Subscribes a subscription in force with its container recorded, unsubscribes any other
@@ -326,7 +339,10 @@ protected:
     ~SubscribeSm() override;
 
 private:
-    void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+    void onMember(EffectiveSubscribeConfig::Configs const&, PathSubscribeConfig const& config,
+                  PathSubscribeConfig const* removed) override;
+    void onMember(SyncContainerStatus::Containers const&, PathSubscribeConfig const& config,
+                  Lumo::Ptr<SyncContainer const> const* previous) override;
 
     Lumo::Ptr<EffectiveSubscribeConfig const> const subscribeConfig_;
     Lumo::Ptr<SyncContainerStatus> const syncContainerStatus_;
@@ -341,13 +357,15 @@ Lumo::Ptr<SubscribeSm> subscribeSmFactory(Lumo::Ptr<EffectiveSubscribeConfig con
 // Keeps every registered handler holding exactly the recorded containers of its key:
 // containerIs when a record appears or the handler arrives, containerDel when the record goes,
 // the handler leaves, or the reactor is destroyed. An outgoing handler is told containerDel
-// before the incoming one is given the container.
-class SyncContainerHandlerSm : public Wex::PtrInterface, private Lumo::Subscriber {
+// before the incoming one is given the container. Handlers are called inside events that run
+// to completion (clientEvents()): what a handler asks of the module waits until the event that
+// called it has completed, so a hand-over is never overtaken by another.
+class SyncContainerHandlerSm : public Wex::PtrInterface, private SyncContainerStatus::Containers::Watcher {
 public:
     using Handler = Lumo::Ptr<SyncContainerHandler const>;
 
     // The reactor's subscription to the registry's publisher.
-    class on_syncContainerHandlerRegistry final : public Lumo::Subscriber {
+    class on_syncContainerHandlerRegistry final : public SyncContainerHandlerRegistry::Handlers::Watcher {
     public:
         explicit on_syncContainerHandlerRegistry(SyncContainerHandlerSm& reactor) noexcept : reactor_(reactor) {}
 
@@ -360,7 +378,8 @@ public:
         static void on_shutdown(SyncContainerHandlerSm& reactor, SyncContainerHandlerRegistry const& registry) noexcept;
 
     private:
-        void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+        void onMember(SyncContainerHandlerRegistry::Handlers const&, Lumo::String const& key,
+                      Handler const* old) override;
         SyncContainerHandlerSm& reactor_;  // the enclosing reactor, whose member this is
     };
 
@@ -393,9 +412,8 @@ protected:
     ~SyncContainerHandlerSm() override;
 
 private:
-    struct Replay;
-
-    void onPublish(Lumo::Publisher const& publisher, Lumo::Change const& change) override;
+    void onMember(SyncContainerStatus::Containers const&, PathSubscribeConfig const& config,
+                  Lumo::Ptr<SyncContainer const> const* previous) override;
     // Hands the recorded containers of one key from oldHandler over to newHandler.
     void replay(Lumo::String const& syncContainerKey, Handler const& oldHandler, Handler const& newHandler);
     void giveContainer(Handler const& handler, Lumo::Ptr<SyncContainer const> const& container);
@@ -404,7 +422,6 @@ private:
     Lumo::Ptr<SyncContainerHandlerRegistry const> syncContainerHandlerRegistry_;
     Lumo::Ptr<SyncContainerStatus const> syncContainerStatus_;
     on_syncContainerHandlerRegistry registryNotifiee_{*this};
-    Replay* replay_ = nullptr;  // the replays under way, innermost first
 };
 
 Lumo::Ptr<SyncContainerHandlerSm> syncContainerHandlerSmFactory(

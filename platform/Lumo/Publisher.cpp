@@ -68,11 +68,12 @@ std::size_t Publisher::subscribers() const noexcept {
     return subscribers_.size() - std::count(subscribers_.begin(), subscribers_.end(), nullptr);
 }
 
-void Publisher::publishChangeRecursive(AttributeId attribute, void const* key, void const* prev) const noexcept {
+void Publisher::publishChangeRecursive(AttributeId attribute, void const* key, void const* prev,
+                                       void const* source) const noexcept {
     if (subscribers_.empty()) return;
     Delivery frame{delivery_, false};
     delivery_ = &frame;
-    Change const change{attribute, key, prev};
+    Change const change{attribute, key, prev, source};
     std::size_t const n = subscribers_.size();
     for (std::size_t i = 0; i < n; ++i) {
         Subscriber* s = subscribers_[i];

@@ -8,16 +8,21 @@ namespace Lumo {
 
 using AttributeId = std::uint32_t;
 
-// One change: the attribute, the key (or new value) it concerns, and the value it replaced
-// (null for an insertion). Both pointers are valid only during the delivery.
+// One change: the attribute, the key (or new value) it concerns, the value it replaced (null for
+// an insertion), and what changed (the collection, or null for a plain attribute), by which the
+// framework's typed watchers know the types behind the pointers. All are valid only during the
+// delivery.
 struct Change {
     AttributeId attribute;
     void const* key;
     void const* prev;
+    void const* source;
 };
 
 class Publisher;
 
+// The transport under the framework's watchers (Wex::Collection::Watcher, Wex::AttributeWatcher),
+// which are what reactors derive from.
 class Subscriber {
 public:
     virtual void onPublish(Publisher const& publisher, Change const& change) = 0;
@@ -49,7 +54,8 @@ public:
     bool subscriberHas(Subscriber const* s) const noexcept;
     std::size_t subscribers() const noexcept;
 
-    void publishChangeRecursive(AttributeId attribute, void const* key = nullptr, void const* prev = nullptr) const noexcept;
+    void publishChangeRecursive(AttributeId attribute, void const* key = nullptr, void const* prev = nullptr,
+                                void const* source = nullptr) const noexcept;
 
 private:
     struct Delivery {

@@ -60,10 +60,15 @@ class DedupHandleLifeTimeNotifier : public Wex::PtrInterface {
 public:
     explicit DedupHandleLifeTimeNotifier(Lumo::Ptr<DedupHandleBase const> const& handle) noexcept
         : handle_(const_cast<DedupHandleBase*>(handle.ptr())) {}
+    // The handle, or null once it has gone (when its owner says so: dedupedObjectGone).
     DedupHandleBase* getDedupedObjectRawPtr() const noexcept { return handle_; }
 
+protected:
+    // A back pointer, cleared by whoever learns first that the handle goes.
+    void dedupedObjectGone() const noexcept { handle_ = nullptr; }
+
 private:
-    DedupHandleBase* handle_;
+    mutable DedupHandleBase* handle_;
 };
 
 class DedupHashTableLifeTimeNotifiee : public Wex::PtrInterface {

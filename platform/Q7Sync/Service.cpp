@@ -49,6 +49,7 @@ void Service::callLogIs(bool on, std::size_t capacity) {
 Lumo::Ptr<SyncStatus> Service::subscribe(Lumo::String const& remoteUri, Lumo::String const& localUri,
                                          WexUtils::SyncRequestFlags flags) {
     if (callLog_) record("subscribe", fmt::format("{}, {}, {}", remoteUri, localUri, flags));
+    if (subscribeReturnsNoStatus_) return nullptr;
     if (Lumo::Ptr<SyncStatus> const* held = subscriptions_.find(remoteUri)) return *held;
     Lumo::Ptr<SyncStatus> status(new SyncStatus(remoteUri, localUri));
     status->hasNotificationActiveIs(true);
@@ -160,6 +161,7 @@ void Service::reset() {
     subscriptions_.delAll();
     calls_.clear();
     listenReturnsNoStatus_ = false;
+    subscribeReturnsNoStatus_ = false;
 }
 
 } // namespace Q7Sync

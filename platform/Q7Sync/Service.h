@@ -28,7 +28,7 @@ void close(std::string const& hostAddr, std::uint16_t port);
 
 // The service as it runs inside this process: subscriptions by remote URI, and real TCP
 // listening sockets. Its owner (a test, the host program) can record the calls made to it,
-// change a status as a remote peer would, and make listen answer with no status.
+// change a status as a remote peer would, and make listen or subscribe answer with no status.
 class Service {
 public:
     struct Call {
@@ -50,6 +50,8 @@ public:
     std::vector<Call> calls() const { return {calls_.begin(), calls_.end()}; }
     void callsDelAll() { calls_.clear(); }
     void listenReturnsNoStatusIs(bool none) { listenReturnsNoStatus_ = none; }
+    // Subscribe then answers null and keeps no subscription: a broken promise, for its callers to refuse.
+    void subscribeReturnsNoStatusIs(bool none) { subscribeReturnsNoStatus_ = none; }
     // A remote peer's change of a subscription's status; false when remoteUri is not subscribed.
     bool syncStatusIs(std::string_view remoteUri, Q7Serdes::WexUtils::SyncStatusEnum status, Lumo::String const& reason);
     // A change of an endpoint's listening state; false when no such endpoint is open.
@@ -83,6 +85,7 @@ private:
     bool callLog_ = false;
     std::size_t callCapacity_ = 4096;
     bool listenReturnsNoStatus_ = false;
+    bool subscribeReturnsNoStatus_ = false;
 };
 
 } // namespace Q7Sync

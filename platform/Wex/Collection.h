@@ -305,12 +305,43 @@ public:
     using Member = V;
     static constexpr bool kIsSet = std::is_same_v<K, V>;
 
+    // The one way to watch a collection: after each change the watcher is told the key and the
+    // member the change replaced or removed (null after an insertion), each with its own type.
+    // A watcher watches one collection at a time; a reactor watching two of the same type has
+    // a watcher for each.
+    class Watcher : private Lumo::Subscriber {
+    public:
+        virtual void onMember(Collection const& collection, K const& key, V const* prev) = 0;
+
+    protected:
+        Watcher() = default;
+        Watcher(Watcher const&) = delete;
+        Watcher& operator=(Watcher const&) = delete;
+        ~Watcher() = default;
+
+    private:
+        friend class Collection;
+        // The collection published the change with its own types: the pointers are a K and a V.
+        void onPublish(Lumo::Publisher const&, Lumo::Change const& change) final {
+            if (!watched_ || change.source != watched_) return;
+            onMember(*watched_, *static_cast<K const*>(change.key), static_cast<V const*>(change.prev));
+        }
+        Collection const* watched_ = nullptr;
+    };
+
     Collection(char const* attribute, AttributeId id, Lumo::Publisher* publisher = nullptr) noexcept
         : attribute_(attribute), id_(id), publisher_(publisher) {}
     Collection(Collection const&) = delete;
     Collection& operator=(Collection const&) = delete;
 
     static K const& keyOf(V const& v) noexcept { return KeyOf{}(v); }
+
+    // Joins (true) or leaves (false) `watcher` to this collection's changes. A collection made
+    // without a publisher tells nobody, and is never heard from.
+    void watcherIs(Watcher* watcher, bool active) const {
+        watcher->watched_ = active ? this : nullptr;
+        if (publisher_) publisher_->subscriberActiveIs(watcher, active);
+    }
 
     std::size_t size() const noexcept { return members_.size(); }
     bool empty() const noexcept { return members_.empty(); }
@@ -399,7 +430,7 @@ private:
 
     // The key handed to watchers lives in `current` (held by the caller for the delivery).
     void notify(V const& current, V const* prev) const noexcept {
-        if (publisher_) publisher_->publishChangeRecursive(id_, &keyOf(current), prev);
+        if (publisher_) publisher_->publishChangeRecursive(id_, &keyOf(current), prev, this);
     }
 
     char const* attribute_;

@@ -68,13 +68,14 @@ void PtrInterface::zeroReferencesIs() const noexcept { delete this; }
 
 PtrInterface::NotifieeConst::~NotifieeConst() { notifierJoinIs(false); }
 
+void AttributeWatcher::watchIs(PtrInterface const& object, bool active) {
+    if (Lumo::Publisher* list = object.notifieeList()) list->subscriberActiveIs(this, active);
+}
+
 void PtrInterface::NotifieeConst::notifierJoinIs(bool join) {
     if (join == joined_) return;
-    Lumo::Publisher* list = notifier_ ? notifier_->notifieeList() : nullptr;
-    if (list) {
-        list->subscriberActiveIs(this, join);
-    }
-    joined_ = join && list;
+    if (notifier_) watchIs(*notifier_, join);
+    joined_ = join && notifier_ && notifier_->notifieeList();
 }
 
 void PtrInterface::NotifieeConst::notifierIs(Lumo::Ptr<PtrInterface const> const& notifier) {

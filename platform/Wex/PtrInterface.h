@@ -85,15 +85,33 @@ private:
     mutable bool walkMarked_ : 1 = false;
 };
 
-// Watches one object of another library through its notifieeList().
-class PtrInterface::NotifieeConst : public PtrInterface, public Lumo::Subscriber {
+// Watches the plain attributes of one object, through its notifieeList(): told which attribute
+// changed. The one way to watch an object's attributes; a collection has a typed watcher of its
+// own (Wex::Collection::Watcher), which tells the key and the previous member with their types.
+class AttributeWatcher : private Lumo::Subscriber {
+public:
+    // Joins (true) or leaves (false) the watchers of `object`. An object that tells nobody (its
+    // notifieeList() is null) is never heard from.
+    void watchIs(PtrInterface const& object, bool active);
+    // One attribute of the object changed; value points at the new value or the key.
+    virtual void onAttribute(AttributeId attribute, void const* value) = 0;
+
+protected:
+    AttributeWatcher() = default;
+    AttributeWatcher(AttributeWatcher const&) = delete;
+    AttributeWatcher& operator=(AttributeWatcher const&) = delete;
+    ~AttributeWatcher() = default;
+
+private:
+    void onPublish(Lumo::Publisher const&, Lumo::Change const& change) final { onAttribute(change.attribute, change.key); }
+};
+
+// A counted watcher of one object of another library, which it holds as its notifier.
+class PtrInterface::NotifieeConst : public PtrInterface, public AttributeWatcher {
 public:
     Lumo::Ptr<PtrInterface const> const& notifier() const noexcept { return notifier_; }
     virtual void notifierIs(Lumo::Ptr<PtrInterface const> const& notifier);
     void hasNotificationActiveIs(bool active) override;
-
-    // One attribute of the notifier changed; value points at the new value or the key.
-    virtual void onAttribute(AttributeId attribute, void const* value) = 0;
     virtual void onZeroReferences() {}
 
 protected:
@@ -102,7 +120,6 @@ protected:
     void notifierJoinIs(bool join);
 
 private:
-    void onPublish(Lumo::Publisher const&, Lumo::Change const& change) final { onAttribute(change.attribute, change.key); }
     Lumo::Ptr<PtrInterface const> notifier_;
     bool joined_ = false;
 };

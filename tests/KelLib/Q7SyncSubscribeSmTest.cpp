@@ -160,6 +160,38 @@ TEST_F(SubscribeSmTest, NullArgumentsAreRefusedChangingNothing) {
     EXPECT_TRUE(sm->wexQ7SyncStatus().empty());
 }
 
+// A status the service should not have returned is refused inside the container's notification:
+// the publisher confines the error to this reactor, the other watcher still hears of the
+// container, and neither record takes anything.
+TEST_F(SubscribeSmTest, ANullOrAnotherStatusIsRefusedWhileTheOtherWatchersStillHear) {
+    sm = makeSm();
+    ChangeRecorder other(status);
+    effective->pathSubscribeConfigIs(cfg);
+    auto const refused = [&](char const* error) {
+        EXPECT_EQ(other.changes.size(), 1u) << error;
+        EXPECT_TRUE(sm->wexQ7SyncStatus().empty()) << error;
+        auto const confined = traces.at(0, "Lumo");
+        ASSERT_EQ(confined.size(), 1u) << error;
+        EXPECT_NE(confined[0].find(error), std::string::npos) << confined[0];
+        traces.clear();
+        other.changes.clear();
+        status->syncContainerDel(cfg);
+        other.changes.clear();
+    };
+
+    service().subscribeReturnsNoStatusIs(true);
+    record(cfg);
+    service().subscribeReturnsNoStatusIs(false);
+    EXPECT_FALSE(subscribeStatus->pathSubscribeStatus(cfg));
+    refused("null argument for attribute 'q7SyncStatus'");
+
+    Lumo::Ptr<SyncStatus> const recorded = makeStatus(cfg.remoteUri().c_str());
+    subscribeStatus->pathSubscribeStatusIs(cfg, recorded);
+    record(cfg);
+    EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg)->syncStatus(), recorded);
+    refused("re-instantiation of 'syncStatus'");
+}
+
 // Q7SyncStatusSm and SubscribeStatus
 
 TEST_F(SubscribeSmTest, StatusChangesOfASubscribedUriAreTracedAndShowInTheRecord) {
