@@ -31,17 +31,15 @@ PathSubscribeConfig config(char const* path, char const* key, Flags flags = F::R
 
 // Hears EffectiveSubscribeConfig as the reactors do: "+path/key" for an entry, "-path/key"
 // for a departure, and may act from inside the notification.
-class EffectiveWatcher : public Lumo::Subscriber {
+class EffectiveWatcher : public EffectiveSubscribeConfig::Configs::Watcher {
 public:
     explicit EffectiveWatcher(Lumo::Ptr<EffectiveSubscribeConfig> effective) : effective_(std::move(effective)) {
-        effective_->publisher().subscriberIs(this);
+        effective_->pathSubscribeConfig().watcherIs(this, true);
     }
-    EffectiveWatcher(EffectiveWatcher const&) = delete;
-    EffectiveWatcher& operator=(EffectiveWatcher const&) = delete;
-    ~EffectiveWatcher() { effective_->publisher().subscriberDel(this); }
+    ~EffectiveWatcher() { effective_->pathSubscribeConfig().watcherIs(this, false); }
 
-    void onPublish(Lumo::Publisher const&, Lumo::Change const& change) override {
-        auto const& c = *static_cast<PathSubscribeConfig const*>(change.key);
+    void onMember(EffectiveSubscribeConfig::Configs const&, PathSubscribeConfig const& c,
+                  PathSubscribeConfig const*) override {
         bool const entered = effective_->pathSubscribeConfigHas(c);
         events.push_back(fmt::format("{}{}/{}", entered ? '+' : '-', c.remotePath(), c.syncContainerKey()));
         if (onChange) onChange(c, entered);

@@ -27,14 +27,12 @@ struct Heard {
     bool presentWhenTold;
 };
 
-class CollectionTest : public ::testing::Test, public Lumo::Subscriber {
+class CollectionTest : public ::testing::Test, public Items::Watcher {
 protected:
-    void SetUp() override { publisher.subscriberIs(this); }
-    void TearDown() override { publisher.subscriberDel(this); }
-    void onPublish(Lumo::Publisher const&, Lumo::Change const& c) override {
-        EXPECT_EQ(c.attribute, 130u);
-        auto const& key = *static_cast<std::string const*>(c.key);
-        auto const* prev = static_cast<ItemPtr const*>(c.prev);
+    void SetUp() override { items.watcherIs(this, true); }
+    void TearDown() override { items.watcherIs(this, false); }
+    void onMember(Items const& collection, std::string const& key, ItemPtr const* prev) override {
+        EXPECT_EQ(&collection, &items);
         heard.push_back({key, prev ? prev->ptr() : nullptr, items.has(key)});
         if (onHeard) onHeard(key);
     }
@@ -83,12 +81,22 @@ TEST_F(CollectionTest, DelAllDeletesKeyByKeyWhenWatchedAndAtOnceOtherwise) {
     EXPECT_EQ(heard.size(), 3u);
     EXPECT_TRUE(items.empty());
 
-    publisher.subscriberDel(this);
+    items.watcherIs(this, false);
     for (auto k : {"a", "b"}) items.set(item(k));
     items.delAll();
     EXPECT_TRUE(items.empty());
     EXPECT_EQ(heard.size(), 3u);
-    publisher.subscriberIs(this);
+    items.watcherIs(this, true);
+}
+
+// Two collections of one type on one publisher: each watcher hears its own collection only.
+TEST_F(CollectionTest, AWatcherHearsOnlyTheCollectionItWatches) {
+    Items others{"other", 131, &publisher};
+    others.set(item("o"));
+    items.set(item("i"));
+    others.del("o");
+    ASSERT_EQ(heard.size(), 1u);
+    EXPECT_EQ(heard[0].key, "i");
 }
 
 TEST_F(CollectionTest, SafeIterationSurvivesDeletingTheCurrentAndOtherMembers) {
@@ -117,21 +125,22 @@ TEST_F(CollectionTest, WatcherThatDeletesDuringItsNotificationSeesConsistentStat
 }
 
 TEST(ValueSet, StoresValuesOnceAndPassesTheValueAsPreviousOnDeletion) {
+    using Numbers = Wex::Collection<int, int>;
     Lumo::Publisher p;
-    struct Sub : Lumo::Subscriber {
-        std::vector<std::pair<int, bool>> heard;
-        void onPublish(Lumo::Publisher const&, Lumo::Change const& c) override {
-            heard.emplace_back(*static_cast<int const*>(c.key), c.prev != nullptr);
+    struct Watcher : Numbers::Watcher {
+        std::vector<std::pair<int, int>> heard;  // the key, and the previous value or -1
+        void onMember(Numbers const&, int const& key, int const* prev) override {
+            heard.emplace_back(key, prev ? *prev : -1);
         }
-    } sub;
-    p.subscriberIs(&sub);
-    Wex::Collection<int, int> set("number", 131, &p);
+    } watcher;
+    Numbers set("number", 131, &p);
+    set.watcherIs(&watcher, true);
     set.set(4);
     set.set(4);
     EXPECT_TRUE(set.del(4));
     EXPECT_FALSE(set.del(4));
-    EXPECT_EQ(sub.heard, (std::vector<std::pair<int, bool>>{{4, false}, {4, true}}));
-    p.subscriberDel(&sub);
+    EXPECT_EQ(watcher.heard, (std::vector<std::pair<int, int>>{{4, -1}, {4, 4}}));
+    set.watcherIs(&watcher, false);
 }
 
 } // namespace
