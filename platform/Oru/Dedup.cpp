@@ -49,7 +49,7 @@ DedupHashTableUnorderedSet::DedupHashTableUnorderedSet(bool notifyRemovals) : no
 DedupHashTableUnorderedSet::~DedupHashTableUnorderedSet() {
     hasNotificationActiveIs(false);
     // Clients may hold handles longer than the table: they must not reach back into it.
-    for (DedupHandleBase* handle : handles_) handle->setDedupHashTable(nullptr);
+    for (DedupHandleBase* handle : handles_) handle->setDedupHashTable(nullptr, passkey());
 }
 
 Lumo::Ptr<DedupHandleBase> DedupHashTableUnorderedSet::findOrDedup(DedupContentHandle const& content,
@@ -57,7 +57,7 @@ Lumo::Ptr<DedupHandleBase> DedupHashTableUnorderedSet::findOrDedup(DedupContentH
     std::size_t const held = handles_.find(ContentKey{hash, &content});
     if (held != handles_.npos) return Lumo::Ptr<DedupHandleBase>(handles_.at(held));
     Lumo::Ptr<DedupHandleBase> handle = allocator(content);
-    handle->setDedupHashTable(this);
+    handle->setDedupHashTable(this, passkey());
     handle->dedupStateIs(DedupHandleState::deduped);
     handles_.insertNew(handle.ptr());
     notifyInsert(handle);
@@ -67,7 +67,7 @@ Lumo::Ptr<DedupHandleBase> DedupHashTableUnorderedSet::findOrDedup(DedupContentH
 void DedupHashTableUnorderedSet::handleZeroReferences(DedupHandleBase* handle) noexcept {
     if (std::size_t const i = handles_.find(static_cast<DedupHandleBase const*>(handle)); i != handles_.npos)
         handles_.take(i);
-    handle->setDedupHashTable(nullptr);
+    handle->setDedupHashTable(nullptr, passkey());
     bool const tracked = handle->isDeduped();
     handle->dedupStateIs(DedupHandleState::removed);
     if (tracked && notifyRemovals_) notifyRemove(handle);

@@ -6,6 +6,7 @@
 
 #include "Lumo/Ptr.h"
 #include "Wex/Collection.h"
+#include "Wex/Passkey.h"
 #include "Wex/PtrInterface.h"
 
 namespace Oru {
@@ -43,7 +44,8 @@ public:
     virtual bool compareLessThan(DedupHandleBase const* other) const noexcept { return hash() < other->hash(); }
 
     DedupHashTable* getDedupHashTable() const noexcept { return table_; }
-    void setDedupHashTable(DedupHashTable* table) noexcept { table_ = table; }
+    // The table that holds the handle, set and cleared by the table alone.
+    void setDedupHashTable(DedupHashTable* table, Wex::Passkey<DedupHashTable>) noexcept { table_ = table; }
 
     // The last reference went: leave the table (telling its notifiee) while still whole.
     void zeroReferencesIs() const noexcept override;
@@ -96,6 +98,8 @@ public:
 
 protected:
     friend class DedupHandleBase;
+    // What a table hands its handles to set their table: its kinds share it.
+    static Wex::Passkey<DedupHashTable> passkey() noexcept { return {}; }
     virtual void handleZeroReferences(DedupHandleBase* handle) noexcept = 0;
     void notifyInsert(Lumo::Ptr<DedupHandleBase> const& handle) const;
     void notifyRemove(DedupHandleBase* handle) const noexcept;
