@@ -124,11 +124,12 @@ std::uint32_t PathSubscribeConfig::computeHash(Fields const& f, std::uint32_t se
     Wex::Hash h(seed);
     h.hashMix(Kivu::Ip6Addr::hash(f.remoteAddr));
     h.hashMix(f.remotePort);
-    // The strings by the hashes they keep: the text is not read again.
-    h.hashMix(f.remotePath.hash()).hashMix(f.syncContainerKey.hash());
+    // The strings by their bytes, not by the hashes they keep: the value's hash is then the
+    // framework hash of its content alone, whatever way Lumo::String hashes its own text.
+    h.hashMix(f.remotePath.view()).hashMix(f.syncContainerKey.view());
     h.hashMix(reinterpret_cast<std::uint64_t>(f.syncContainerType));
     h.hashMix(std::uint32_t(std::uint8_t(f.flags)));
-    h.hashMix(f.remoteAgentKey.hash()).hashMix(f.localUri.hash()).hashMix(f.remoteUri.hash());
+    h.hashMix(f.remoteAgentKey.view()).hashMix(f.localUri.view()).hashMix(f.remoteUri.view());
     return h.result();
 }
 

@@ -9,6 +9,7 @@
 
 #include "KelLib/Q7SyncContainer.h"
 #include "Wex/Entity.h"
+#include "Wex/Hash.h"
 #include "Wex/Type.h"
 
 namespace Kel::Q7Sync {
@@ -176,6 +177,34 @@ TEST_F(SubscribeConfigTest, EveryFieldTakesPartInEqualityAndHash) {
         EXPECT_FALSE(PathSubscribeConfig::isEq(parsed, other)) << derived;
         EXPECT_NE(parsed.hash(0), other.hash(0)) << derived;
     }
+}
+
+// hash(seed) is Wex::Hash from the seed over the fields in order: the address by its Kivu hash,
+// the port, the strings by their bytes, the container type by identity, the flags as 32 bits.
+TEST_F(SubscribeConfigTest, HashFollowsTheFieldsInOrderThroughTheFrameworkHash) {
+    auto expected = [](PathSubscribeConfig const& c, std::uint32_t seed) {
+        Wex::Hash h(seed);
+        h.hashMix(Kivu::Ip6Addr::hash(c.remoteAddr()));
+        h.hashMix(std::uint32_t(c.remotePort()));
+        h.hashMix(c.remotePath().view());
+        h.hashMix(c.syncContainerKey().view());
+        h.hashMix(reinterpret_cast<std::uint64_t>(c.syncContainerType()));
+        h.hashMix(std::uint32_t(std::uint8_t(c.flags())));
+        h.hashMix(c.remoteAgentKey().view());
+        h.hashMix(c.localUri().view());
+        h.hashMix(c.remoteUri().view());
+        return h.result();
+    };
+    std::vector<std::pair<char const*, PathSubscribeConfig>> const configs = {
+        {"IPv4, relative path", example},
+        {"IPv6, rooted path", make("2001:db8::1", 9, "/agent/state", "key", F::SEED())},
+        {"loopback, root only, no flags", make("127.0.0.1", 65535, "/", "k2", Flags{})},
+        {"no container type", Wex::fromString<PathSubscribeConfig>(exampleText)},
+        {"default", PathSubscribeConfig()},
+    };
+    for (auto const& [name, c] : configs)
+        for (std::uint32_t seed : {0u, 1u, 77u, 0xffffffffu})
+            EXPECT_EQ(c.hash(seed), expected(c, seed)) << name << ", seed " << seed;
 }
 
 TEST_F(SubscribeConfigTest, OrderingIsDecidedByTheFirstFieldThatDiffers) {
