@@ -1,8 +1,8 @@
 // PathSubscribeConfig: derivation, comparison, hashing, text form; and the request types.
 #include "KelLib/Q7SyncSubscribeRequest.h"
 
-#include <algorithm>
-#include <cstring>
+#include <charconv>
+#include <iterator>
 #include <ostream>
 #include <utility>
 
@@ -19,80 +19,8 @@ namespace {
 constexpr char kTypeName[] = "Kel::Q7Sync::PathSubscribeConfig";
 constexpr char kSyncAttribute[] = "syncAttribute";
 
-// Written in place, last digit first: no scratch buffer to copy from.
-char* appendDecimal(char* w, std::uint32_t v) {
-    std::size_t n = 1;
-    for (std::uint32_t rest = v; rest >= 10; rest /= 10) ++n;
-    char* p = w + n;
-    do {
-        *--p = char('0' + v % 10);
-        v /= 10;
-    } while (v);
-    return w + n;
-}
-
-// inet_ntop's IPv6 text (lower-case hex words, the first longest run of two or more zero words
-// as "::") without its sprintf per word; addresses that it writes with an IPv4 tail (five or six
-// leading zero words) are left to it.
-char* appendIp6(char* w, Kivu::IpGenAddr const& addr) {
-    auto const& b = addr.bytes();
-    std::uint16_t words[8];
-    for (std::size_t i = 0; i < 8; ++i) words[i] = std::uint16_t(b[2 * i] << 8 | b[2 * i + 1]);
-    int bestBase = -1, bestLen = 0;
-    for (int i = 0; i < 8;) {
-        if (words[i] != 0) {
-            ++i;
-            continue;
-        }
-        int j = i;
-        while (j < 8 && words[j] == 0) ++j;
-        if (j - i >= 2 && j - i > bestLen) {
-            bestBase = i;
-            bestLen = j - i;
-        }
-        i = j;
-    }
-    if (bestBase == 0 && (bestLen == 6 || (bestLen == 5 && words[5] == 0xffff)) ) {
-        std::string const text = addr.stringValue();
-        return std::copy(text.begin(), text.end(), w);
-    }
-    static constexpr char kHex[] = "0123456789abcdef";
-    for (int i = 0; i < 8; ++i) {
-        if (i >= bestBase && i < bestBase + bestLen) {
-            if (i == bestBase) *w++ = ':';
-            continue;
-        }
-        if (i) *w++ = ':';
-        unsigned const v = words[i];
-        bool started = false;
-        for (int shift = 12; shift >= 0; shift -= 4) {
-            unsigned const d = (v >> shift) & 0xf;
-            if (d || started || shift == 0) {
-                *w++ = kHex[d];
-                started = true;
-            }
-        }
-    }
-    if (bestBase >= 0 && bestBase + bestLen == 8) *w++ = ':';
-    return w;
-}
-
-// "<address>:<port>" into buf, the address as the operating system writes it (inet_ntop's text).
-std::string_view formatAgentKey(char (&buf)[64], Kivu::IpGenAddr const& addr, std::uint32_t port) {
-    char* w = buf;
-    if (addr.family() == Kivu::IpGenAddr::Family::ip4) {
-        for (int i = 0; i < 4; ++i) {
-            if (i) *w++ = '.';
-            w = appendDecimal(w, addr.bytes()[i]);
-        }
-    } else {
-        w = appendIp6(w, addr);
-    }
-    *w++ = ':';
-    w = appendDecimal(w, port);
-    return std::string_view(buf, std::size_t(w - buf));
-}
-
+// The agent key "<address>:<port>": the address text, a colon and up to ten digits of port.
+constexpr std::size_t kAgentKeyMaxLength = Kivu::IpGenAddr::kMaxTextLength + 1 + 10;
 } // namespace
 
 void* PathSubscribeConfig::Fields::operator new(std::size_t size) { return Lumo::smallBlockNew(size); }
@@ -137,8 +65,11 @@ void PathSubscribeConfig::handleInitialized(Fields& f) {
                                                       f.syncContainerType ? f.syncContainerType->name() : "no type"));
     // Made by hand on the stack: this runs for every dedup, hits included, and the generic
     // formatters (and inet_ntop's sprintf for IPv4) cost more than the rest of a hit.
-    char agentKey[64];
-    f.remoteAgentKey = Lumo::String(formatAgentKey(agentKey, f.remoteAddr, f.remotePort));
+    char agentKey[kAgentKeyMaxLength];
+    char* w = f.remoteAddr.writeText(agentKey);
+    *w++ = ':';
+    w = std::to_chars(w, std::end(agentKey), f.remotePort).ptr;
+    f.remoteAgentKey = Lumo::String(std::string_view(agentKey, std::size_t(w - agentKey)));
     std::string_view const key = f.remoteAgentKey.view();
     f.localUri = Lumo::String::concat({"/q7/remote/", key, "/", f.syncContainerKey.view(), "/", kSyncAttribute});
     f.remoteUri = Lumo::String::concat({key, f.remotePath.startsWith("/") ? "" : "/", f.remotePath.view()});
@@ -193,11 +124,12 @@ std::uint32_t PathSubscribeConfig::computeHash(Fields const& f, std::uint32_t se
     Wex::Hash h(seed);
     h.hashMix(Kivu::Ip6Addr::hash(f.remoteAddr));
     h.hashMix(f.remotePort);
-    // The strings by the hashes they keep: the text is not read again.
-    h.hashMix(f.remotePath.hash()).hashMix(f.syncContainerKey.hash());
+    // The strings by their bytes, not by the hashes they keep: the value's hash is then the
+    // framework hash of its content alone, whatever way Lumo::String hashes its own text.
+    h.hashMix(f.remotePath.view()).hashMix(f.syncContainerKey.view());
     h.hashMix(reinterpret_cast<std::uint64_t>(f.syncContainerType));
     h.hashMix(std::uint32_t(std::uint8_t(f.flags)));
-    h.hashMix(f.remoteAgentKey.hash()).hashMix(f.localUri.hash()).hashMix(f.remoteUri.hash());
+    h.hashMix(f.remoteAgentKey.view()).hashMix(f.localUri.view()).hashMix(f.remoteUri.view());
     return h.result();
 }
 

@@ -1,6 +1,8 @@
 // The debug show command: callback, per-invocation instance, and their type tables.
 #include "KelLib/ShowQ7SyncDebugCallback.h"
 
+#include <cstdint>
+
 #include "KelLib/Q7SyncModule.h"
 #include "Oru/DumpContext.h"
 #include "Termout/DumpStateWriterCallback.h"
@@ -36,7 +38,11 @@ Lumo::Ptr<ShowQ7SyncDebugCallback> showQ7SyncDebugCallbackFactory(Lumo::Ptr<Agen
 
 Lumo::Ptr<Agent::AsynchShowCommandInstanceSm> ShowQ7SyncDebugCallback::createInstanceSm(
     Lumo::Ptr<Agent::AgentCommandCallbackParams> const& params) {
-    WEX_TRACE(traceHandle(), 1, "ShowQ7SyncDebugCallback", "writeFd={}", params ? params->writeFd() : -1);
+    // The output descriptor in the text form of an entity pointer (descriptor 5 is "0x5"), as
+    // the framework's traces show what a command writes to.
+    int const writeFd = params ? params->writeFd() : -1;
+    WEX_TRACE(traceHandle(), 1, "ShowQ7SyncDebugCallback", "writeFd={}",
+              reinterpret_cast<void const*>(static_cast<std::intptr_t>(writeFd)));
     return ShowQ7SyncDebugSm::ShowQ7SyncDebugSmIs(anchor(), scheduler(), params);
 }
 

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <iosfwd>
@@ -32,8 +33,14 @@ public:
     Family family() const noexcept { return family_; }
     bool isUnspecified() const noexcept { return family_ == Family::unspecified; }
     std::array<std::uint8_t, 16> const& bytes() const noexcept { return bytes_; }
-    // The address as the operating system writes it.
+    // The address as the operating system writes it (inet_ntop's text).
     std::string stringValue() const;
+    // The longest text writeText writes: eight words of four hex digits and their seven colons.
+    static constexpr std::size_t kMaxTextLength = 39;
+    // Writes stringValue()'s text at `out`, which has room for kMaxTextLength characters, with
+    // no NUL, and returns its end. No allocation and no sprintf per field: keys are built from
+    // an address for every subscription.
+    char* writeText(char* out) const noexcept;
 
     // Word by word: configurations compare their addresses on every look-up.
     static bool isEq(IpGenAddr const& a, IpGenAddr const& b) noexcept {

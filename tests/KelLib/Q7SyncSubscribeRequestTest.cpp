@@ -9,6 +9,7 @@
 
 #include "KelLib/Q7SyncContainer.h"
 #include "Wex/Entity.h"
+#include "Wex/Hash.h"
 #include "Wex/Type.h"
 
 namespace Kel::Q7Sync {
@@ -70,9 +71,10 @@ TEST_F(SubscribeConfigTest, WorkedExampleDerivesAgentKeyAndBothUris) {
     EXPECT_EQ(v6.remoteUri(), "2001:db8::1:9/p");
 }
 
-// The agent key is "{}:{}" of the address text and the port: every digit count of both.
-TEST_F(SubscribeConfigTest, AgentKeyWritesEveryDigitOfAddressAndPort) {
-    for (char const* a : {"0.0.0.0", "1.2.3.4", "9.10.99.100", "255.255.255.255", "::1", "fd00:0:0:14::3e7"})
+// The agent key is "{}:{}" of the address text and the port: every digit count of the port,
+// with the shortest and longest address of each family.
+TEST_F(SubscribeConfigTest, AgentKeyJoinsAddressTextAndEveryDigitOfThePort) {
+    for (char const* a : {"0.0.0.0", "255.255.255.255", "::1", "1111:2222:3333:4444:5555:6666:7777:8888"})
         for (std::uint32_t port : {0u, 9u, 10u, 99u, 100u, 65535u, 4294967295u})
             EXPECT_EQ(make(a, port, "p", "k").remoteAgentKey().view(), addr(a).stringValue() + ":" + std::to_string(port));
 }
@@ -175,6 +177,34 @@ TEST_F(SubscribeConfigTest, EveryFieldTakesPartInEqualityAndHash) {
         EXPECT_FALSE(PathSubscribeConfig::isEq(parsed, other)) << derived;
         EXPECT_NE(parsed.hash(0), other.hash(0)) << derived;
     }
+}
+
+// hash(seed) is Wex::Hash from the seed over the fields in order: the address by its Kivu hash,
+// the port, the strings by their bytes, the container type by identity, the flags as 32 bits.
+TEST_F(SubscribeConfigTest, HashFollowsTheFieldsInOrderThroughTheFrameworkHash) {
+    auto expected = [](PathSubscribeConfig const& c, std::uint32_t seed) {
+        Wex::Hash h(seed);
+        h.hashMix(Kivu::Ip6Addr::hash(c.remoteAddr()));
+        h.hashMix(std::uint32_t(c.remotePort()));
+        h.hashMix(c.remotePath().view());
+        h.hashMix(c.syncContainerKey().view());
+        h.hashMix(reinterpret_cast<std::uint64_t>(c.syncContainerType()));
+        h.hashMix(std::uint32_t(std::uint8_t(c.flags())));
+        h.hashMix(c.remoteAgentKey().view());
+        h.hashMix(c.localUri().view());
+        h.hashMix(c.remoteUri().view());
+        return h.result();
+    };
+    std::vector<std::pair<char const*, PathSubscribeConfig>> const configs = {
+        {"IPv4, relative path", example},
+        {"IPv6, rooted path", make("2001:db8::1", 9, "/agent/state", "key", F::SEED())},
+        {"loopback, root only, no flags", make("127.0.0.1", 65535, "/", "k2", Flags{})},
+        {"no container type", Wex::fromString<PathSubscribeConfig>(exampleText)},
+        {"default", PathSubscribeConfig()},
+    };
+    for (auto const& [name, c] : configs)
+        for (std::uint32_t seed : {0u, 1u, 77u, 0xffffffffu})
+            EXPECT_EQ(c.hash(seed), expected(c, seed)) << name << ", seed " << seed;
 }
 
 TEST_F(SubscribeConfigTest, OrderingIsDecidedByTheFirstFieldThatDiffers) {

@@ -170,7 +170,8 @@ TEST_F(ShowCommandModuleTest, EachInvocationAndItsOutputAreTracedAtLevelOne) {
         [](std::string_view line) { std::fprintf(stderr, "%.*s\n", int(line.size()), line.data()); });
     Memtrail::defaultHandleIs(nullptr);
 
-    std::string const fd = std::to_string(out.fd());
+    // The descriptor as an entity pointer is written, in hexadecimal: "0x5", not "5".
+    std::string const fd = fmt::format("0x{:x}", out.fd());
     std::vector<std::string> seen;
     for (Memtrail::Record const* r : records.records(1)) {
         EXPECT_EQ(r->handle(), "ShowQ7SyncDebugCallback");

@@ -1,7 +1,15 @@
 // Addresses and request flags: text forms, readers and the edges between families.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
 
 #include "Kivu/IpGenAddr.h"
 #include "Q7Sync/Flags.h"
@@ -21,6 +29,46 @@ TEST(Address, ReadsAndWritesBothFamilies) {
     using namespace std::string_view_literals;
     for (auto bad : {"1.2.3.4\0junk"sv, "::1\0"sv, "\0"sv})
         EXPECT_FALSE(Kivu::IpGenAddr::fromString(bad)) << "with a NUL, " << bad.size() << " bytes";
+}
+
+// What the C library writes for the address, the reference for our own writer.
+std::string cLibraryText(Kivu::IpGenAddr const& a) {
+    char buf[INET6_ADDRSTRLEN];
+    int const family = a.family() == Kivu::IpGenAddr::Family::ip6 ? AF_INET6 : AF_INET;
+    return inet_ntop(family, a.bytes().data(), buf, sizeof buf);
+}
+
+// writeText into a buffer of exactly kMaxTextLength, a guard byte after it.
+std::string written(Kivu::IpGenAddr const& a) {
+    constexpr std::size_t max = Kivu::IpGenAddr::kMaxTextLength;
+    char buf[max + 1];
+    buf[max] = '#';
+    char const* end = a.writeText(buf);
+    EXPECT_EQ(buf[max], '#') << "past kMaxTextLength";
+    EXPECT_LE(end - buf, std::ptrdiff_t(max));
+    return std::string(buf, std::min<std::size_t>(std::size_t(end - buf), max));
+}
+
+TEST(Address, WritesTheCLibraryTextWithinItsMaximumLength) {
+    std::vector<std::string> texts = {"1:22:333:4444:a:bc:def:f00f", "fd00:0:0:14::3e7", "::ffff:1.2.3.4",
+                                      "::1.2.3.4", "::ffff:0.0.0.0", "::ffff:0:1.2.3.4", "::", "::1", "1::"};
+    // Words of 0, 1 and ffff in every arrangement: each placement of zero runs, ties between
+    // runs, and both dotted IPv4 tails.
+    for (int code = 0; code < 6561; ++code) {
+        unsigned w[8];
+        for (int i = 0, c = code; i < 8; ++i, c /= 3) w[i] = c % 3 == 0 ? 0 : c % 3 == 1 ? 1 : 0xffff;
+        texts.push_back(fmt::format("{:x}:{:x}:{:x}:{:x}:{:x}:{:x}:{:x}:{:x}", w[0], w[1], w[2], w[3], w[4], w[5],
+                                    w[6], w[7]));
+    }
+    for (unsigned v = 0; v < 256; ++v) texts.push_back(fmt::format("{}.{}.{}.{}", v, 255 - v, v / 16, v % 10));
+    for (std::string const& text : texts) {
+        Kivu::IpGenAddr const a = addr(text);
+        std::string const expected = cLibraryText(a);
+        EXPECT_EQ(written(a), expected) << text;
+        EXPECT_EQ(a.stringValue(), expected) << text;
+    }
+    EXPECT_EQ(written(addr("1111:2222:3333:4444:5555:6666:7777:8888")).size(), Kivu::IpGenAddr::kMaxTextLength);
+    EXPECT_EQ(written(Kivu::IpGenAddr()), "0.0.0.0");
 }
 
 TEST(Address, UnspecifiedAddressIsItsOwnValue) {
