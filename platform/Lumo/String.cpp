@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <ostream>
+#include <stdexcept>
 
 #include "Lumo/SmallBlocks.h"
 
@@ -79,9 +80,11 @@ std::uint32_t String::hashOf(std::string_view s) noexcept {
 }
 
 String::Rep* String::allocate(std::size_t size) {
+    if (size >= std::size_t{1} << 31) throw std::length_error("Lumo::String of 2 GiB or more");
     Rep* rep = static_cast<Rep*>(smallBlockNew(offsetof(Rep, data) + size + 1));
     rep->refs = 1;
     rep->size = static_cast<std::uint32_t>(size);
+    rep->hashed = 0;
     rep->data[size] = '\0';
     return rep;
 }
@@ -90,7 +93,6 @@ String::String(std::string_view s) {
     if (s.empty()) return;
     rep_ = allocate(s.size());
     put(rep_->data, s);
-    rep_->hash = hashOf(s);
 }
 
 String String::concat(std::initializer_list<std::string_view> parts) {
@@ -101,12 +103,18 @@ String String::concat(std::initializer_list<std::string_view> parts) {
     out.rep_ = allocate(size);
     char* w = out.rep_->data;
     for (std::string_view p : parts) w = put(w, p);
-    out.rep_->hash = hashOf(out.view());
     return out;
 }
 
+void String::keepHash(Rep* rep) noexcept {
+    rep->hash = hashOf(std::string_view(rep->data, rep->size));
+    rep->hashed = 1;
+}
+
+// Hashes already kept settle most unequal pairs; none is made for the comparison.
 bool String::sameText(String const& a, String const& b) noexcept {
-    return a.hash() == b.hash() && a.view() == b.view();
+    if (a.rep_ && b.rep_ && a.rep_->hashed && b.rep_->hashed && a.rep_->hash != b.rep_->hash) return false;
+    return a.view() == b.view();
 }
 
 void String::destroy(Rep* rep) noexcept { smallBlockDelete(rep, offsetof(Rep, data) + rep->size + 1); }

@@ -15,7 +15,8 @@ namespace Lumo {
 
 // Strings are copied into every collection keyed by a subscription; sharing the buffer makes
 // each copy a count increment instead of an allocation. Counts are framework-thread only.
-// The hash is computed once, with the buffer: strings are looked up far more often than made.
+// The hash is computed once, on the first look-up, and kept with the buffer: a string used as a
+// key is looked up far more often than made, and many strings are never keys.
 class String {
 public:
     String() noexcept = default;
@@ -37,7 +38,11 @@ public:
     bool empty() const noexcept { return rep_ == nullptr; }
     bool startsWith(std::string_view p) const noexcept { return view().starts_with(p); }
     // The hash of the text, the same for equal strings whatever their buffers.
-    std::uint32_t hash() const noexcept { return rep_ ? rep_->hash : kEmptyHash; }
+    std::uint32_t hash() const noexcept {
+        if (!rep_) return kEmptyHash;
+        if (!rep_->hashed) keepHash(rep_);
+        return rep_->hash;
+    }
     static std::uint32_t hashOf(std::string_view s) noexcept;
     // The parts joined, written straight into the new buffer.
     static String concat(std::initializer_list<std::string_view> parts);
@@ -51,12 +56,14 @@ public:
 private:
     struct Rep {
         std::uint32_t refs;
-        std::uint32_t size;
+        std::uint32_t size : 31;
+        std::uint32_t hashed : 1;
         std::uint32_t hash;
         char data[1];
     };
     static constexpr std::uint32_t kEmptyHash = 0x811c9dc5u;
     static Rep* allocate(std::size_t size);
+    static void keepHash(Rep* rep) noexcept;
     static bool sameText(String const& a, String const& b) noexcept;
     static void destroy(Rep* rep) noexcept;
     Rep* rep_ = nullptr;
