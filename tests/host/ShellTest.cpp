@@ -45,7 +45,7 @@ std::string stateOf(Q7Agent::Shell const& shell) {
         Oru::Impl::doObjDumpChildPtrGeneric(Module::get(), Wex::typeNode("Kel::Q7Sync::Module"), ctx, 0);
         ctx->flush();
     }
-    std::string out = fmt::format("requests held: {}\nsubscribed: {}\nendpoints: {}\n", shell.requests(),
+    std::string out = fmt::format("requests held: {}\nsubscribed: {}\nendpoints: {}\n", shell.host().requests(),
                                   fmt::join(::Q7Sync::Service::instance().subscribedUris(), " "),
                                   ::Q7Sync::Service::instance().endpoints());
     std::rewind(f);
@@ -93,7 +93,7 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
                "--flags RELIABLE");
     EXPECT_EQ(text, "  request 2 for fd00::14:6042/sys/state/interfaces -> "
                     "/q7/remote/fd00::14:6042/ifaces/syncAttribute\n");
-    EXPECT_EQ(shell.requests(), 2u);
+    EXPECT_EQ(shell.host().requests(), 2u);
     EXPECT_EQ(m.syncContainerStatus()->syncContainer().size(), 2u);
     EXPECT_EQ(service().subscriptions(), 2u);
 
@@ -137,7 +137,7 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
     EXPECT_EQ(run("handler del ifaces"), "  no handler for 'ifaces'\n");
     EXPECT_EQ(run("release 2"), "  released request 2\n");
     EXPECT_EQ(run("listen off"), "  no endpoint open\n");
-    EXPECT_EQ(shell.requests(), 0u);
+    EXPECT_EQ(shell.host().requests(), 0u);
     EXPECT_EQ(m.remoteDir()->entities(), 0u);
     EXPECT_EQ(service().subscriptions(), 0u);
     EXPECT_EQ(service().endpoints(), 0u);
@@ -176,7 +176,7 @@ TEST_F(HostTest, AScriptRunsUntilQuitAndCountsWhatFailed) {
                                  "> release 1",
                                  "  released request 1",
                                  "> quit"}));
-    EXPECT_EQ(shell.requests(), 0u);
+    EXPECT_EQ(shell.host().requests(), 0u);
 }
 
 // Each bad line prints one line "error: ...; usage: <its usage>", and leaves the module, the
@@ -187,7 +187,7 @@ TEST_F(HostTest, AMalformedCommandPrintsOneErrorWithItsUsageAndChangesNothing) {
            "subscribe 10.20.0.1 6042 /sys/state/routes routes-reliable --flags RELIABLE\n"
            "subscribe 10.20.0.2 6042 /sys/state/interfaces ifaces\n"
            "handler add ifaces\n");
-    ASSERT_EQ(shell.requests(), 3u);
+    ASSERT_EQ(shell.host().requests(), 3u);
     struct Bad {
         char const* line;
         char const* usage;
