@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "Command.h"
 #include "KelLib/Q7SyncModule.h"
 #include "Oru/DumpContext.h"
 #include "Q7Sync/Service.h"
@@ -147,6 +148,9 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
                               "handler add|del KEY", "status REMOTE_URI STATUS", "listening ADDRESS PORT",
                               "trace HANDLE LEVEL", "memtrail [LEVEL]", "show COMMAND", "echo TEXT", "help", "quit"})
         EXPECT_TRUE(has(text, "  " + std::string(usage))) << usage;
+    // A command file that takes a name already taken is refused; the first command stays.
+    EXPECT_THROW(Q7Agent::commandIs("quit", {"quit", "", nullptr}), std::logic_error);
+    EXPECT_EQ(Q7Agent::commands().at("quit").help, "leave the host");
     EXPECT_EQ(run("echo  it's \"as written\"  "), "\n== it's \"as written\"\n");
     EXPECT_EQ(run("   # a comment"), "");
     EXPECT_TRUE(shell.execute("   "));
