@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Static checks of the module, the framework layer and the host program (KelLib/, platform/,
-# host/, with the headers they include from there): clang-tidy with the bugprone, concurrency
-# and performance checks over the compile database of build-tidy/, then cppcheck. Prints every
-# finding, and last:
+# host/ with host/commands/, and the headers they include from there): clang-tidy with the
+# bugprone, concurrency and performance checks over the compile database of build-tidy/, then
+# cppcheck. Prints every finding, and last:
 #   static checks: N findings (clang-tidy T, cppcheck C)
 # Exits non-zero unless N is 0. A finding is suppressed only where it stands (NOLINT or
 # cppcheck-suppress with the reason), or below for a whole check, with the reason.
@@ -22,7 +22,7 @@ fi
 cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug \
   -DQ7_SANITIZE= -DQ7_TESTS=OFF -DQ7_FUZZ=OFF -DQ7_BENCH=OFF >/dev/null
 
-mapfile -t SOURCES < <(cd "$ROOT" && ls KelLib/*.cpp platform/*/*.cpp host/*.cpp)
+mapfile -t SOURCES < <(cd "$ROOT" && ls KelLib/*.cpp platform/*/*.cpp host/*.cpp host/commands/*.cpp)
 
 CHECKS=(
   '-*' 'bugprone-*' 'concurrency-*' 'performance-*'

@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "Command.h"
 #include "KelLib/Q7SyncModule.h"
 #include "Oru/DumpContext.h"
 #include "Q7Sync/Service.h"
@@ -45,7 +46,7 @@ std::string stateOf(Q7Agent::Shell const& shell) {
         Oru::Impl::doObjDumpChildPtrGeneric(Module::get(), Wex::typeNode("Kel::Q7Sync::Module"), ctx, 0);
         ctx->flush();
     }
-    std::string out = fmt::format("requests held: {}\nsubscribed: {}\nendpoints: {}\n", shell.requests(),
+    std::string out = fmt::format("requests held: {}\nsubscribed: {}\nendpoints: {}\n", shell.host().requests(),
                                   fmt::join(::Q7Sync::Service::instance().subscribedUris(), " "),
                                   ::Q7Sync::Service::instance().endpoints());
     std::rewind(f);
@@ -93,7 +94,7 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
                "--flags RELIABLE");
     EXPECT_EQ(text, "  request 2 for fd00::14:6042/sys/state/interfaces -> "
                     "/q7/remote/fd00::14:6042/ifaces/syncAttribute\n");
-    EXPECT_EQ(shell.requests(), 2u);
+    EXPECT_EQ(shell.host().requests(), 2u);
     EXPECT_EQ(m.syncContainerStatus()->syncContainer().size(), 2u);
     EXPECT_EQ(service().subscriptions(), 2u);
 
@@ -137,7 +138,7 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
     EXPECT_EQ(run("handler del ifaces"), "  no handler for 'ifaces'\n");
     EXPECT_EQ(run("release 2"), "  released request 2\n");
     EXPECT_EQ(run("listen off"), "  no endpoint open\n");
-    EXPECT_EQ(shell.requests(), 0u);
+    EXPECT_EQ(shell.host().requests(), 0u);
     EXPECT_EQ(m.remoteDir()->entities(), 0u);
     EXPECT_EQ(service().subscriptions(), 0u);
     EXPECT_EQ(service().endpoints(), 0u);
@@ -147,6 +148,9 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
                               "handler add|del KEY", "status REMOTE_URI STATUS", "listening ADDRESS PORT",
                               "trace HANDLE LEVEL", "memtrail [LEVEL]", "show COMMAND", "echo TEXT", "help", "quit"})
         EXPECT_TRUE(has(text, "  " + std::string(usage))) << usage;
+    // A command file that takes a name already taken is refused; the first command stays.
+    EXPECT_THROW(Q7Agent::commandIs("quit", {"quit", "", nullptr}), std::logic_error);
+    EXPECT_EQ(Q7Agent::commands().at("quit").help, "leave the host");
     EXPECT_EQ(run("echo  it's \"as written\"  "), "\n== it's \"as written\"\n");
     EXPECT_EQ(run("   # a comment"), "");
     EXPECT_TRUE(shell.execute("   "));
@@ -176,7 +180,7 @@ TEST_F(HostTest, AScriptRunsUntilQuitAndCountsWhatFailed) {
                                  "> release 1",
                                  "  released request 1",
                                  "> quit"}));
-    EXPECT_EQ(shell.requests(), 0u);
+    EXPECT_EQ(shell.host().requests(), 0u);
 }
 
 // Each bad line prints one line "error: ...; usage: <its usage>", and leaves the module, the
@@ -187,7 +191,7 @@ TEST_F(HostTest, AMalformedCommandPrintsOneErrorWithItsUsageAndChangesNothing) {
            "subscribe 10.20.0.1 6042 /sys/state/routes routes-reliable --flags RELIABLE\n"
            "subscribe 10.20.0.2 6042 /sys/state/interfaces ifaces\n"
            "handler add ifaces\n");
-    ASSERT_EQ(shell.requests(), 3u);
+    ASSERT_EQ(shell.host().requests(), 3u);
     struct Bad {
         char const* line;
         char const* usage;
