@@ -36,8 +36,13 @@ Value WexAttr::get(void const* object) const {
 }
 
 void WexAttr::set(void* object, Args const& args) const {
-    if (!set_) throw AttributeAccessException(owner_->name(), name_, "is read-only");
+    if (!set_) refuse("is read-only");
     set_(object, args);
+}
+
+void WexAttr::setFromText(void* object, std::string_view text) const {
+    if (!setFromText_) refuse("is read-only");
+    setFromText_(object, text);
 }
 
 Value WexAttr::call(void* object, Args const& args) const {
@@ -46,13 +51,62 @@ Value WexAttr::call(void* object, Args const& args) const {
 }
 
 void WexAttr::forEach(void const* object, Visitor const& visit) const {
-    if (!walk_) throw AttributeAccessException(owner_->name(), name_, "is not a collection");
+    requireCollection();
     walk_(object, visit);
 }
 
 std::size_t WexAttr::count(void const* object) const {
-    if (!count_) throw AttributeAccessException(owner_->name(), name_, "is not a collection");
+    requireCollection();
     return count_(object);
+}
+
+Value WexAttr::member(void const* object, Value const& key) const {
+    requireCollection();
+    return member_(object, key);
+}
+
+bool WexAttr::memberHas(void const* object, Value const& key) const {
+    requireCollection();
+    return memberHas_(object, key);
+}
+
+Value WexAttr::memberIs(void* object, Args const& args) const {
+    requireCollection();
+    if (!memberIs_) refuse("is read-only");
+    return memberIs_(object, args);
+}
+
+Value WexAttr::memberIsFromText(void* object, std::string_view keyText, std::string_view valueText) const {
+    requireCollection();
+    if (!memberIsFromText_) refuse("is read-only");
+    return memberIsFromText_(object, keyText, valueText);
+}
+
+Value WexAttr::memberDel(void* object, Value const& key) const {
+    requireCollection();
+    if (!memberDel_) refuse("does not delete members");
+    return memberDel_(object, key);
+}
+
+Value WexAttr::memberDelFromText(void* object, std::string_view keyText) const {
+    requireCollection();
+    if (!memberDel_) refuse("does not delete members");
+    return memberDel_(object, keyFromText_(keyText));
+}
+
+void WexAttr::memberDelAll(void* object) const {
+    requireCollection();
+    if (!memberDelAll_) refuse("does not delete all members");
+    memberDelAll_(object);
+}
+
+// A collection that allows no write at all says so, whichever write was refused.
+void WexAttr::refuse(std::string_view detail) const {
+    throw AttributeAccessException(owner_->name(), name_, readOnly() ? "is read-only" : detail);
+}
+
+void WexAttr::requireCollection() const {
+    if (kind_ != AttrKind::collection) throw AttributeAccessException(owner_->name(), name_, "is not a collection");
 }
 
 bool WexType::isDerived(WexType const* other) const noexcept {
