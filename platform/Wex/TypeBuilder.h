@@ -200,20 +200,20 @@ public:
     CollectionBuilder& memberIs(F op) {
         static_assert(std::tuple_size_v<detail::OpParams<F>> == 1, "a member, or construction values with their names");
         using V = detail::OpParam<F, 0>;
-        attr_.memberIs_ = [op, name = std::string(attr_.name()), typeName = ownerName()](void* o, Args const& args) {
+        std::string const name(attr_.name());
+        attr_.memberIs_ = [op, name, typeName = ownerName()](void* o, Args const& args) {
             return detail::invokeToValue(op, *self(o), args.getOrOnly<V>(typeName, name));
         };
-        attr_.memberIsFromText_ = [op, name = std::string(attr_.name())](void* o, std::string_view keyText,
-                                                                       std::string_view valueText) -> Value {
-            if constexpr (std::is_same_v<V, Member>) {
+        if constexpr (std::is_same_v<V, Member>) {
+            attr_.memberIsFromText_ = [op, name](void* o, std::string_view keyText, std::string_view valueText) {
                 V const v = valueFromText<V>(valueText, name);
                 if (!KeyTraits<Key>::eq(C::keyOf(v), valueFromText<Key>(keyText, name)))
                     throw RangeException(name, "the key given is not the key of the value");
                 return detail::invokeToValue(op, *self(o), v);
-            } else {
-                throw RangeException(name, "what the collection shows cannot be written from text");
-            }
-        };
+            };
+        } else {
+            attr_.memberIsFromText_ = noTextWrite(name, "what the collection shows cannot be written from text");
+        }
         return *this;
     }
 
@@ -232,16 +232,16 @@ public:
             }(std::make_index_sequence<std::tuple_size_v<P>>{});
             return invokeWith(op, *self(o), values);
         };
-        attr_.memberIsFromText_ = [op, name = std::string(attr_.name())](void* o, std::string_view keyText,
-                                                                       std::string_view valueText) -> Value {
-            if constexpr (std::tuple_size_v<P> == 2 && std::is_same_v<std::tuple_element_t<0, P>, Key>) {
+        std::string const name(attr_.name());
+        if constexpr (std::tuple_size_v<P> == 2 && std::is_same_v<std::tuple_element_t<0, P>, Key>) {
+            attr_.memberIsFromText_ = [op, name](void* o, std::string_view keyText, std::string_view valueText) {
                 P const values{valueFromText<std::tuple_element_t<0, P>>(keyText, name),
                                valueFromText<std::tuple_element_t<1, P>>(valueText, name)};
                 return invokeWith(op, *self(o), values);
-            } else {
-                throw RangeException(name, "its members are not made from a key and a value");
-            }
-        };
+            };
+        } else {
+            attr_.memberIsFromText_ = noTextWrite(name, "its members are not made from a key and a value");
+        }
         return *this;
     }
 
@@ -265,6 +265,11 @@ public:
 private:
     using TypeBuilder<T>::self;
     std::string ownerName() const { return std::string(attr_.owner()->name()); }
+    static WexAttr::MemberTextWriter noTextWrite(std::string name, char const* why) {
+        return [name = std::move(name), why](void*, std::string_view, std::string_view) -> Value {
+            throw RangeException(name, why);
+        };
+    }
     // Calls op with construction values, all of them converted (braced, left to right) before.
     template <class F, class P>
     static Value invokeWith(F const& op, T& object, P const& values) {
