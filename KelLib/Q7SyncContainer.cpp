@@ -145,7 +145,9 @@ void buildTypeTable(Wex::WexModule& m) {
                    });
     m.type<SyncContainerHandlerRegistry>(kRegistryTypeName)
         .collection("syncContainerHandler",
-                    [](SyncContainerHandlerRegistry const& r) -> auto const& { return r.syncContainerHandler(); });
+                    [](SyncContainerHandlerRegistry const& r) -> auto const& { return r.syncContainerHandler(); })
+        .memberIs(&SyncContainerHandlerRegistry::syncContainerHandlerIs)
+        .memberDel(&SyncContainerHandlerRegistry::syncContainerHandlerDel);
 }
 Wex::WexModuleRegistrar registrar("KelLib/Q7SyncContainer", buildTypeTable);
 } // namespace

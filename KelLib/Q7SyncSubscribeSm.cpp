@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 #include <vector>
+#include "Oru/WeakRef.h"
 #include "Q7Sync/Service.h"
 #include "Wex/Exception.h"
 #include "Wex/Trace.h"
@@ -760,7 +761,10 @@ void buildReactorsTypeTable(Wex::WexModule& m) {
     using Handler = SyncContainerHandlerSm::Handler;
 
     m.type<SyncContainerStatus>("Kel::Q7Sync::SyncContainerStatus")
-        .collection("syncContainer", [](SyncContainerStatus const& s) -> auto const& { return s.syncContainer(); });
+        .collection("syncContainer", [](SyncContainerStatus const& s) -> auto const& { return s.syncContainer(); })
+        .memberIs(&SyncContainerStatus::syncContainerIs)
+        .memberDel(&SyncContainerStatus::syncContainerDel)
+        .memberDelAll(&SyncContainerStatus::syncContainerDelAll);
 
     m.type<SyncContainerSm>(kSyncContainerSmTypeName)
         .readOnly("subscribeConfig", [](SyncContainerSm const& sm) { return sm.subscribeConfig(); })
@@ -774,8 +778,8 @@ void buildReactorsTypeTable(Wex::WexModule& m) {
                    configOperation<SyncContainerSm>(&SyncContainerSm::handlePathSubscribeConfig,
                                                     kSyncContainerSmTypeName, "pathSubscribeConfig"));
 
-    // q7SyncStatus and wexQ7SyncStatus are two views of one map; reflection walks the
-    // reactors in both, each reactor showing its status as its attribute "q7SyncStatus".
+    // q7SyncStatus and wexQ7SyncStatus are two views of one map of status reactors: the
+    // statuses they watch, written and deleted as the typed calls do, and the reactors, read-only.
     m.type<SubscribeSm>(kSubscribeSmTypeName)
         .readOnly("subscribeConfig", [](SubscribeSm const& sm) { return sm.subscribeConfig(); })
         .readOnly("syncContainerStatus", [](SubscribeSm const& sm) { return sm.syncContainerStatus(); })
@@ -787,12 +791,16 @@ void buildReactorsTypeTable(Wex::WexModule& m) {
         .operation("handlePathSubscribeConfig", {"pathSubscribeConfig"},
                    configOperation<SubscribeSm>(&SubscribeSm::handlePathSubscribeConfig, kSubscribeSmTypeName,
                                                 "pathSubscribeConfig"))
-        .collection("q7SyncStatus", [](SubscribeSm const& sm) -> auto const& { return sm.wexQ7SyncStatus(); })
+        .collection("q7SyncStatus", [](SubscribeSm const& sm) -> auto const& { return sm.wexQ7SyncStatus(); },
+                    [](Lumo::Ptr<Q7SyncStatusSm> const& reactor) { return reactor->q7SyncStatus(); })
+        .memberIs(&SubscribeSm::q7SyncStatusIs)
+        .memberDel(&SubscribeSm::q7SyncStatusDel)
         .collection("wexQ7SyncStatus", [](SubscribeSm const& sm) -> auto const& { return sm.wexQ7SyncStatus(); });
 
+    // The owner is a back pointer, not counted: shown as one.
     m.type<Q7SyncStatusSm>("Kel::Q7Sync::SubscribeSm::Q7SyncStatusSm")
         .attribute(
-            "subscribeSm", [](Q7SyncStatusSm const& sm) { return Lumo::Ptr<SubscribeSm>(sm.subscribeSm()); },
+            "subscribeSm", [](Q7SyncStatusSm const& sm) { return Oru::WeakRef(sm.subscribeSm()); },
             [](Q7SyncStatusSm& sm, Lumo::Ptr<SubscribeSm> const& owner) { sm.subscribeSmIs(owner.ptr()); })
         .attribute(
             "q7SyncStatus", [](Q7SyncStatusSm const& sm) { return sm.q7SyncStatus(); },

@@ -43,7 +43,9 @@ Wex::WexType const* SubscribeStatus::fwkType() const noexcept { return Wex::wexT
 namespace {
 void buildTypeTable(Wex::WexModule& m) {
     m.type<SubscribeStatus>("Kel::Q7Sync::SubscribeStatus")
-        .collection("pathSubscribeStatus", [](SubscribeStatus const& s) -> auto const& { return s.pathSubscribeStatus(); });
+        .collection("pathSubscribeStatus", [](SubscribeStatus const& s) -> auto const& { return s.pathSubscribeStatus(); })
+        .memberIs({"pathSubscribeConfig", "syncStatus"}, &SubscribeStatus::pathSubscribeStatusIs)
+        .memberDel(&SubscribeStatus::pathSubscribeStatusDel);
     m.type<PathSubscribeStatus>("Kel::Q7Sync::PathSubscribeStatus")
         .readOnly("pathSubscribeConfig", [](PathSubscribeStatus const& e) { return e.pathSubscribeConfig(); })
         .readOnly("syncStatus", [](PathSubscribeStatus const& e) { return e.syncStatus(); });

@@ -13,7 +13,7 @@
 
 #include <fmt/format.h>
 
-namespace Wex { class CharRange; }
+#include "Wex/CharRange.h"
 
 namespace Kivu {
 
@@ -89,4 +89,10 @@ struct fmt::formatter<Kivu::IpGenAddr> : fmt::formatter<std::string_view> {
     auto format(Kivu::IpGenAddr const& a, Ctx& ctx) const {
         return fmt::formatter<std::string_view>::format(Kivu::valueToStrep(a), ctx);
     }
+};
+
+// Reflection reads addresses from text with the library's own reader.
+template <>
+struct Wex::TextReader<Kivu::IpGenAddr> {
+    static Kivu::IpGenAddr read(Wex::CharRange& range) { return Kivu::sequenceToValue(range); }
 };

@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-namespace Wex { class CharRange; }
+#include "Wex/CharRange.h"
 
 namespace Q7Sync {
 namespace WexUtils {
@@ -45,4 +45,10 @@ struct fmt::formatter<Q7Sync::WexUtils::SyncRequestFlags> : fmt::formatter<std::
     auto format(Q7Sync::WexUtils::SyncRequestFlags f, Ctx& ctx) const {
         return fmt::formatter<std::string_view>::format(Q7Sync::valueToStrep(f), ctx);
     }
+};
+
+// Reflection reads request flags from text with the library's own reader.
+template <>
+struct Wex::TextReader<Q7Sync::WexUtils::SyncRequestFlags> {
+    static Q7Sync::WexUtils::SyncRequestFlags read(Wex::CharRange& range) { return Q7Sync::sequenceToValue(range); }
 };

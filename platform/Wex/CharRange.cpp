@@ -77,6 +77,17 @@ std::string CharRange::readQuoted(std::string_view attribute) {
     return out;
 }
 
+bool CharRange::readBool(std::string_view attribute) {
+    for (bool v : {true, false}) {
+        std::string_view const word = v ? "true" : "false";
+        if (rest_.starts_with(word)) {
+            rest_.remove_prefix(word.size());
+            return v;
+        }
+    }
+    throw RangeException(attribute, fmt::format("expected true or false at {}", preview(rest_)));
+}
+
 void CharRange::checkAllDataConsumed(std::string_view attribute) const {
     if (!rest_.empty()) throw RangeException(attribute, fmt::format("text left over: {}", preview(rest_)));
 }

@@ -17,6 +17,10 @@ RangeException::RangeException(std::string_view attribute, std::string_view deta
 NewEntityArgsException::NewEntityArgsException(std::string_view type, std::string_view attribute, std::string_view detail)
     : Exception(attribute, fmt::format("new {}: argument '{}' {}", type, attribute, detail)) {}
 
+ValueTypeException::ValueTypeException(std::string_view type, std::string_view attribute, std::string_view expected,
+                                       std::string_view given)
+    : NewEntityArgsException(attribute, fmt::format("{}.{}: takes {}, not {}", type, attribute, expected, given)) {}
+
 AttributeAccessException::AttributeAccessException(std::string_view type, std::string_view attribute, std::string_view detail)
     : Exception(attribute, fmt::format("{}.{}: {}", type, attribute, detail)) {}
 

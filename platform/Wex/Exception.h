@@ -39,6 +39,18 @@ public:
 class NewEntityArgsException : public Exception {
 public:
     NewEntityArgsException(std::string_view type, std::string_view attribute, std::string_view detail);
+
+protected:
+    // For refinements that word their own message.
+    NewEntityArgsException(std::string_view attribute, std::string const& message) : Exception(attribute, message) {}
+};
+
+// A key, value or argument of another type than the attribute takes. A kind of
+// NewEntityArgsException: an argument of the wrong type is refused the same way as a missing one.
+class ValueTypeException : public NewEntityArgsException {
+public:
+    ValueTypeException(std::string_view type, std::string_view attribute, std::string_view expected,
+                       std::string_view given);
 };
 
 // A reflective access to an attribute that does not exist or does not allow it.

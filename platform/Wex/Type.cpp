@@ -2,18 +2,27 @@
 #include "Wex/Type.h"
 
 #include <algorithm>
-#include <map>
+#include <functional>
+#include <unordered_map>
 
 #include "Wex/Entity.h"
 
 namespace Wex {
 
 namespace {
+// Hashes a name given as a string or a view alike, so that a look-up makes no string.
+struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
+};
+
 struct Registry {
     std::vector<WexModule*> modules;
-    std::map<std::string, WexType const*, std::less<>> byName;
+    // Directories make every container and agent directory by its type's name: one hash and
+    // one compare per look-up. Nothing else keeps pointers into the tables, which go when
+    // their library is unloaded.
+    std::unordered_map<std::string, WexType const*, NameHash, std::equal_to<>> byName;
     std::uint64_t nextSequence = 1;
-    std::uint64_t changes = 0;  // bumped by every registration, so that look-up caches go stale
 };
 Registry& registry() {
     static Registry r;
@@ -27,8 +36,13 @@ Value WexAttr::get(void const* object) const {
 }
 
 void WexAttr::set(void* object, Args const& args) const {
-    if (!set_) throw AttributeAccessException(owner_->name(), name_, "is read-only");
+    if (!set_) refuse("is read-only");
     set_(object, args);
+}
+
+void WexAttr::setFromText(void* object, std::string_view text) const {
+    if (!setFromText_) refuse("is read-only");
+    setFromText_(object, text);
 }
 
 Value WexAttr::call(void* object, Args const& args) const {
@@ -37,13 +51,62 @@ Value WexAttr::call(void* object, Args const& args) const {
 }
 
 void WexAttr::forEach(void const* object, Visitor const& visit) const {
-    if (!walk_) throw AttributeAccessException(owner_->name(), name_, "is not a collection");
+    requireCollection();
     walk_(object, visit);
 }
 
 std::size_t WexAttr::count(void const* object) const {
-    if (!count_) throw AttributeAccessException(owner_->name(), name_, "is not a collection");
+    requireCollection();
     return count_(object);
+}
+
+Value WexAttr::member(void const* object, Value const& key) const {
+    requireCollection();
+    return member_(object, key);
+}
+
+bool WexAttr::memberHas(void const* object, Value const& key) const {
+    requireCollection();
+    return memberHas_(object, key);
+}
+
+Value WexAttr::memberIs(void* object, Args const& args) const {
+    requireCollection();
+    if (!memberIs_) refuse("is read-only");
+    return memberIs_(object, args);
+}
+
+Value WexAttr::memberIsFromText(void* object, std::string_view keyText, std::string_view valueText) const {
+    requireCollection();
+    if (!memberIsFromText_) refuse("is read-only");
+    return memberIsFromText_(object, keyText, valueText);
+}
+
+Value WexAttr::memberDel(void* object, Value const& key) const {
+    requireCollection();
+    if (!memberDel_) refuse("does not delete members");
+    return memberDel_(object, key);
+}
+
+Value WexAttr::memberDelFromText(void* object, std::string_view keyText) const {
+    requireCollection();
+    if (!memberDel_) refuse("does not delete members");
+    return memberDel_(object, keyFromText_(keyText));
+}
+
+void WexAttr::memberDelAll(void* object) const {
+    requireCollection();
+    if (!memberDelAll_) refuse("does not delete all members");
+    memberDelAll_(object);
+}
+
+// A collection that allows no write at all says so, whichever write was refused.
+void WexAttr::refuse(std::string_view detail) const {
+    throw AttributeAccessException(owner_->name(), name_, readOnly() ? "is read-only" : detail);
+}
+
+void WexAttr::requireCollection() const {
+    if (kind_ != AttrKind::collection) throw AttributeAccessException(owner_->name(), name_, "is not a collection");
 }
 
 bool WexType::isDerived(WexType const* other) const noexcept {
@@ -101,7 +164,6 @@ void wexModuleIs(WexModule& module) {
     Registry& r = registry();
     if (std::find(r.modules.begin(), r.modules.end(), &module) != r.modules.end()) return;
     module.sequence_ = r.nextSequence++;
-    ++r.changes;
     r.modules.push_back(&module);
     for (std::size_t i = 0; i < module.types_.size(); ++i) {
         r.byName[std::string(module.types_[i].name())] = &module.types_[i];
@@ -114,9 +176,8 @@ void wexModuleDel(WexModule& module) noexcept {
     auto it = std::find(r.modules.begin(), r.modules.end(), &module);
     if (it == r.modules.end()) return;
     r.modules.erase(it);
-    ++r.changes;
     for (std::size_t i = 0; i < module.types_.size(); ++i) {
-        auto n = r.byName.find(std::string(module.types_[i].name()));
+        auto n = r.byName.find(module.types_[i].name());
         if (n != r.byName.end() && n->second == &module.types_[i]) r.byName.erase(n);
         if (*module.slots_[i] == &module.types_[i]) *module.slots_[i] = nullptr;
     }
@@ -129,25 +190,8 @@ std::vector<WexModule const*> wexModules() {
 
 WexType const* typeNode(std::string_view name) noexcept {
     Registry const& r = registry();
-    // Directories make every container and agent directory by its type's name: the same few
-    // names again and again, so the last ones found are kept.
-    struct Found {
-        std::string_view name;  // the registered type's own name
-        WexType const* type = nullptr;
-    };
-    struct Cache {
-        std::uint64_t changes = ~std::uint64_t(0);
-        Found found[4];
-        unsigned next = 0;
-    };
-    thread_local Cache cache;
-    if (cache.changes != r.changes) cache = Cache{r.changes, {}, 0};
-    for (Found const& f : cache.found)
-        if (f.type && f.name == name) return f.type;
     auto it = r.byName.find(name);
-    if (it == r.byName.end()) return nullptr;
-    cache.found[cache.next++ % 4] = Found{it->second->name(), it->second};
-    return it->second;
+    return it == r.byName.end() ? nullptr : it->second;
 }
 
 WexModuleRegistrar::WexModuleRegistrar(std::string name, void (*build)(WexModule&))

@@ -31,46 +31,106 @@ struct GenericIf {
     Lumo::Ptr<PtrInterface> hold;
 };
 
+// One entry of a type's table: an attribute, a keyed collection, an operation or a constant.
+// Writes go through the owner's own typed operations, so that a reflective write notifies and
+// refuses exactly as the typed call does.
 class WexAttr {
 public:
     using Getter = std::function<Value(void const*)>;
     using Setter = std::function<void(void*, Args const&)>;
+    using TextSetter = std::function<void(void*, std::string_view)>;
     using Caller = std::function<Value(void*, Args const&)>;
     using Visitor = std::function<void(Value const& key, Value const& value)>;
     using Walker = std::function<void(void const*, Visitor const&)>;
     using Counter = std::function<std::size_t(void const*)>;
+    using Finder = std::function<Value(void const*, Value const& key)>;
+    using Tester = std::function<bool(void const*, Value const& key)>;
+    using KeyReader = std::function<Value(std::string_view)>;
+    using MemberWriter = std::function<Value(void*, Args const&)>;
+    using MemberTextWriter = std::function<Value(void*, std::string_view key, std::string_view value)>;
+    using Deleter = std::function<Value(void*, Value const& key)>;
+    using Clearer = std::function<void(void*)>;
 
     std::string_view name() const noexcept { return name_; }
     AttrKind kind() const noexcept { return kind_; }
     bool readable() const noexcept { return bool(get_) || bool(walk_); }
-    bool readOnly() const noexcept { return !set_; }
+    // Nothing can be written: neither the attribute nor any member of the collection.
+    bool readOnly() const noexcept { return !set_ && !memberIs_ && !memberDel_ && !memberDelAll_; }
+    bool deletesMembers() const noexcept { return bool(memberDel_); }
+    bool deletesAllMembers() const noexcept { return bool(memberDelAll_); }
     bool callable() const noexcept { return bool(call_); }
+    // An operation's parameters; a collection's construction values, for one whose owner makes
+    // its members from them.
     std::vector<std::string> const& params() const noexcept { return params_; }
     WexType const* owner() const noexcept { return owner_; }
 
     Value get(void const* object) const;
     void set(void* object, Args const& args) const;
+    // Writes the value read from `text` with its type's own reader (Wex::readValue).
+    void setFromText(void* object, std::string_view text) const;
     Value call(void* object, Args const& args) const;
+
+    // Keyed collections. A key or value of another type than the collection's is refused
+    // with ValueTypeException, bad text with RangeException, any write of a read-only
+    // collection with AttributeAccessException; a refusal changes nothing.
     void forEach(void const* object, Visitor const& visit) const;
     std::size_t count(void const* object) const;
+    // The member under key as the collection shows it, or the null value when there is none.
+    Value member(void const* object, Value const& key) const;
+    bool memberHas(void const* object, Value const& key) const;
+    // Writes one member through the owner's operation: the member as the only argument (or
+    // under the attribute's name), or the construction values named by params(). Returns what
+    // the operation returns (the entry made, for an owner that makes them).
+    Value memberIs(void* object, Args const& args) const;
+    // The same from text: the key and the value, each read with its type's own reader.
+    Value memberIsFromText(void* object, std::string_view keyText, std::string_view valueText) const;
+    // Deletes the member under key and returns what the owner's operation removed.
+    Value memberDel(void* object, Value const& key) const;
+    Value memberDelFromText(void* object, std::string_view keyText) const;
+    void memberDelAll(void* object) const;
 
-    // Writes the attribute on an object seen through its generic interface. Empty
-    // arguments reset the attribute to its initial value.
+    // The same on an object seen through its generic interface. Writing an attribute with
+    // empty arguments resets it to its initial value.
     void genericIfSet(GenericIf const& gi, Args const& args) const { set(gi.object, args); }
+    void genericIfSetFromText(GenericIf const& gi, std::string_view text) const { setFromText(gi.object, text); }
     Value genericIfGet(GenericIf const& gi) const { return get(gi.object); }
     Value genericIfCall(GenericIf const& gi, Args const& args) const { return call(gi.object, args); }
+    std::size_t genericIfCount(GenericIf const& gi) const { return count(gi.object); }
+    Value genericIfMember(GenericIf const& gi, Value const& key) const { return member(gi.object, key); }
+    bool genericIfMemberHas(GenericIf const& gi, Value const& key) const { return memberHas(gi.object, key); }
+    Value genericIfMemberIs(GenericIf const& gi, Args const& args) const { return memberIs(gi.object, args); }
+    Value genericIfMemberIsFromText(GenericIf const& gi, std::string_view keyText, std::string_view valueText) const {
+        return memberIsFromText(gi.object, keyText, valueText);
+    }
+    Value genericIfMemberDel(GenericIf const& gi, Value const& key) const { return memberDel(gi.object, key); }
+    Value genericIfMemberDelFromText(GenericIf const& gi, std::string_view keyText) const {
+        return memberDelFromText(gi.object, keyText);
+    }
+    void genericIfMemberDelAll(GenericIf const& gi) const { memberDelAll(gi.object); }
 
 private:
     template <class T> friend class TypeBuilder;
+    template <class T, class C, class Show> friend class CollectionBuilder;
+    [[noreturn]] void refuse(std::string_view detail) const;
+    void requireCollection() const;
+
     std::string name_;
     AttrKind kind_ = AttrKind::attribute;
     std::vector<std::string> params_;
     WexType const* owner_ = nullptr;
     Getter get_;
     Setter set_;
+    TextSetter setFromText_;
     Caller call_;
     Walker walk_;
     Counter count_;
+    Finder member_;
+    Tester memberHas_;
+    KeyReader keyFromText_;
+    MemberWriter memberIs_;
+    MemberTextWriter memberIsFromText_;
+    Deleter memberDel_;
+    Clearer memberDelAll_;
 };
 
 class WexType {
@@ -124,6 +184,7 @@ template <class T>
 WexType const* wexTypeOf() noexcept { return wexTypeSlot<std::remove_cv_t<T>>(); }
 
 template <class T> class TypeBuilder;
+template <class T, class C, class Show> class CollectionBuilder;
 
 // One unit's type table. Built and registered by a WexModuleRegistrar at load time.
 class WexModule {

@@ -1,28 +1,54 @@
 // Wex::TypeBuilder: the one way a unit declares a type's table.
 #pragma once
 
+#include <functional>
 #include <initializer_list>
+#include <stdexcept>
 #include <tuple>
 
 // Included by Wex/Type.h.
 
 namespace Wex {
 
+template <class K> struct KeyTraits;        // Wex/Collection.h
+template <class K, class V> struct Entry;   // Wex/EntryMap.h
+
 namespace detail {
-template <class F> struct LambdaArgs : LambdaArgs<decltype(&F::operator())> {};
-template <class C, class R, class... A> struct LambdaArgs<R (C::*)(A...) const> { using Tuple = std::tuple<std::decay_t<A>...>; };
-template <class F, std::size_t I> using LambdaArg = std::tuple_element_t<I, typename LambdaArgs<F>::Tuple>;
+// The parameters an operation takes beside its object: all those of a member function, those
+// after the object (T&) for a lambda.
+template <class M> struct MemberFnParams;
+template <class C, class R, class... A> struct MemberFnParams<R (C::*)(A...)> { using Tuple = std::tuple<std::decay_t<A>...>; };
+template <class C, class R, class... A> struct MemberFnParams<R (C::*)(A...) const> : MemberFnParams<R (C::*)(A...)> {};
+template <class C, class R, class... A> struct MemberFnParams<R (C::*)(A...) noexcept> : MemberFnParams<R (C::*)(A...)> {};
+template <class C, class R, class... A> struct MemberFnParams<R (C::*)(A...) const noexcept> : MemberFnParams<R (C::*)(A...)> {};
+template <class Tuple> struct DropFirst;
+template <class First, class... Rest> struct DropFirst<std::tuple<First, Rest...>> { using Tuple = std::tuple<Rest...>; };
+template <class F, bool = std::is_member_function_pointer_v<F>>
+struct OpParamsOf { using Tuple = typename DropFirst<typename MemberFnParams<decltype(&F::operator())>::Tuple>::Tuple; };
+template <class F> struct OpParamsOf<F, true> { using Tuple = typename MemberFnParams<F>::Tuple; };
+template <class F> using OpParams = typename OpParamsOf<F>::Tuple;
+template <class F, std::size_t I> using OpParam = std::tuple_element_t<I, OpParams<F>>;
 
 template <class F, class... A>
 Value invokeToValue(F const& f, A&&... a) {
     using R = std::invoke_result_t<F const&, A...>;
     if constexpr (std::is_void_v<R>) {
-        f(std::forward<A>(a)...);
+        std::invoke(f, std::forward<A>(a)...);
         return Value();
     } else {
-        return Value::of<std::decay_t<R>>(f(std::forward<A>(a)...));
+        return Value::of<std::decay_t<R>>(std::invoke(f, std::forward<A>(a)...));
     }
 }
+
+// What reflection shows of a collection's member by default: the member itself, or the value
+// of a plain (key, value) entry.
+struct ShowMember {
+    template <class M>
+    M const& operator()(M const& m) const noexcept { return m; }
+    template <class K, class V>
+    V const& operator()(Entry<K, V> const& e) const noexcept { return e.value; }
+};
+template <class Show, class M> using Shown = std::decay_t<std::invoke_result_t<Show const&, M const&>>;
 } // namespace detail
 
 template <class T>
@@ -43,35 +69,48 @@ public:
     template <class G>
     TypeBuilder& constant(std::string name, G get) { return add(std::move(name), AttrKind::constant, getter(get)); }
 
-    // A writable attribute: set is (T&, V const&). A write with no arguments stores V{}.
+    // A writable attribute: set is (T&, V const&). A write with no arguments stores V{}; one
+    // from text reads V with its type's own reader.
     template <class G, class S>
     TypeBuilder& attribute(std::string name, G get, S set) {
-        using V = detail::LambdaArg<S, 1>;
+        using V = detail::OpParam<S, 0>;
         WexAttr& a = add(name, AttrKind::attribute, getter(get)).attrs_back();
         a.set_ = [set, name, typeName = type_.name_](void* o, Args const& args) {
-            if (args.empty()) return set(*self(o), V{});
-            Value const* v = args.find(name) ? args.find(name) : (args.size() == 1 ? &args.begin()->second : nullptr);
-            if (!v) throw NewEntityArgsException(typeName, name, "is missing");
-            Args one{{name, *v}};
-            set(*self(o), one.get<V>(typeName, name));
+            std::invoke(set, *self(o), args.empty() ? V{} : args.getOrOnly<V>(typeName, name));
+        };
+        a.setFromText_ = [set, name](void* o, std::string_view text) {
+            std::invoke(set, *self(o), valueFromText<V>(text, name));
         };
         return *this;
     }
 
-    // A keyed collection: access is (T const&) -> the Wex::Collection.
-    template <class A>
-    TypeBuilder& collection(std::string name, A access) {
-        WexAttr& a = add(std::move(name), AttrKind::collection, {}).attrs_back();
-        a.walk_ = [access](void const* o, WexAttr::Visitor const& visit) {
+    // A keyed collection: access is (T const&) -> the Wex::Collection. Reflection walks it,
+    // counts it and reads and tests members by key; `show` (member -> value) makes it show
+    // something other than what it stores. Writes follow as memberIs, memberDel and
+    // memberDelAll, each the owner's own operation; without them the collection is read-only.
+    template <class A, class Show = detail::ShowMember>
+    auto collection(std::string name, A access, Show show = {}) {
+        using C = std::remove_cvref_t<std::invoke_result_t<A const&, T const&>>;
+        using K = typename C::Key;
+        using Shown = detail::Shown<Show, typename C::Member>;
+        WexAttr& a = add(name, AttrKind::collection, {}).attrs_back();
+        a.walk_ = [access, show](void const* o, WexAttr::Visitor const& visit) {
             auto const& c = access(*self(o));
-            using C = std::decay_t<decltype(c)>;
-            for (auto const& v : c) {
-                if constexpr (C::kIsSet) visit(Value(), Value::of(v));  // a set member is its own key
-                else visit(Value::of(c.keyOf(v)), Value::of(v));
+            for (auto const& m : c) {
+                if constexpr (C::kIsSet) visit(Value(), Value::of<Shown>(show(m)));  // a set member is its own key
+                else visit(Value::of(c.keyOf(m)), Value::of<Shown>(show(m)));
             }
         };
         a.count_ = [access](void const* o) { return access(*self(o)).size(); };
-        return *this;
+        a.member_ = [access, show, name, typeName = type_.name_](void const* o, Value const& key) {
+            auto const* m = access(*self(o)).find(valueAs<K>(&key, typeName, name));
+            return Value::of<Shown>(m ? Shown(show(*m)) : Shown());
+        };
+        a.memberHas_ = [access, name, typeName = type_.name_](void const* o, Value const& key) {
+            return access(*self(o)).has(valueAs<K>(&key, typeName, name));
+        };
+        a.keyFromText_ = [name](std::string_view text) { return Value::of(valueFromText<K>(text, name)); };
+        return CollectionBuilder<T, C, Show>(*this, a);
     }
 
     // An operation, callable through reflection: f is (T&, Args const&) -> result or void.
@@ -118,13 +157,14 @@ public:
         return *this;
     }
 
-private:
+protected:
     static T* self(void* o) {
         if constexpr (std::is_base_of_v<PtrInterface, T>) return dynamic_cast<T*>(static_cast<PtrInterface*>(o));
         else return static_cast<T*>(o);
     }
     static T const* self(void const* o) { return self(const_cast<void*>(o)); }
 
+private:
     template <class G>
     static WexAttr::Getter getter(G get) {
         return [get](void const* o) { return Value::of<std::decay_t<decltype(get(*self(o)))>>(get(*self(o))); };
@@ -141,6 +181,102 @@ private:
 
     WexModule& module_;
     WexType& type_;
+};
+
+// The writes of the collection just declared. Each goes through an operation of the owner,
+// (T&, ...) as a lambda or the member function itself, which notifies and refuses as it does
+// for its typed callers; keys and values are converted, and refused, before it runs.
+template <class T, class C, class Show>
+class CollectionBuilder : public TypeBuilder<T> {
+public:
+    using Key = typename C::Key;
+    using Member = typename C::Member;
+
+    CollectionBuilder(TypeBuilder<T> const& builder, WexAttr& attr) : TypeBuilder<T>(builder), attr_(attr) {}
+
+    // op takes the member: it comes as the only argument, or under the collection's name. From
+    // text, the value is read and its key must be the key given.
+    template <class F>
+    CollectionBuilder& memberIs(F op) {
+        static_assert(std::tuple_size_v<detail::OpParams<F>> == 1, "a member, or construction values with their names");
+        using V = detail::OpParam<F, 0>;
+        std::string const name(attr_.name());
+        attr_.memberIs_ = [op, name, typeName = ownerName()](void* o, Args const& args) {
+            return detail::invokeToValue(op, *self(o), args.getOrOnly<V>(typeName, name));
+        };
+        if constexpr (std::is_same_v<V, Member>) {
+            attr_.memberIsFromText_ = [op, name](void* o, std::string_view keyText, std::string_view valueText) {
+                V const v = valueFromText<V>(valueText, name);
+                if (!KeyTraits<Key>::eq(C::keyOf(v), valueFromText<Key>(keyText, name)))
+                    throw RangeException(name, "the key given is not the key of the value");
+                return detail::invokeToValue(op, *self(o), v);
+            };
+        } else {
+            attr_.memberIsFromText_ = noTextWrite(name, "what the collection shows cannot be written from text");
+        }
+        return *this;
+    }
+
+    // op takes the construction values of a member the owner makes, named by `params`; other
+    // arguments are refused. From text, a (key, value) pair is the two construction values.
+    template <class F>
+    CollectionBuilder& memberIs(std::initializer_list<std::string> params, F op) {
+        using P = detail::OpParams<F>;
+        if (params.size() != std::tuple_size_v<P>)
+            throw std::logic_error(std::string(attr_.name()) + ": one name per construction value");
+        attr_.params_ = params;
+        attr_.memberIs_ = [op, names = attr_.params_, typeName = ownerName()](void* o, Args const& args) {
+            args.checkOnly(typeName, names);
+            auto const values = [&]<std::size_t... I>(std::index_sequence<I...>) {
+                return P{args.get<std::tuple_element_t<I, P>>(typeName, names[I])...};
+            }(std::make_index_sequence<std::tuple_size_v<P>>{});
+            return invokeWith(op, *self(o), values);
+        };
+        std::string const name(attr_.name());
+        if constexpr (std::tuple_size_v<P> == 2 && std::is_same_v<std::tuple_element_t<0, P>, Key>) {
+            attr_.memberIsFromText_ = [op, name](void* o, std::string_view keyText, std::string_view valueText) {
+                P const values{valueFromText<std::tuple_element_t<0, P>>(keyText, name),
+                               valueFromText<std::tuple_element_t<1, P>>(valueText, name)};
+                return invokeWith(op, *self(o), values);
+            };
+        } else {
+            attr_.memberIsFromText_ = noTextWrite(name, "its members are not made from a key and a value");
+        }
+        return *this;
+    }
+
+    // op is (T&, key) -> what it removed.
+    template <class F>
+    CollectionBuilder& memberDel(F op) {
+        using K = detail::OpParam<F, 0>;
+        attr_.memberDel_ = [op, name = std::string(attr_.name()), typeName = ownerName()](void* o, Value const& key) {
+            return detail::invokeToValue(op, *self(o), valueAs<K>(&key, typeName, name));
+        };
+        return *this;
+    }
+
+    // op is (T&).
+    template <class F>
+    CollectionBuilder& memberDelAll(F op) {
+        attr_.memberDelAll_ = [op](void* o) { std::invoke(op, *self(o)); };
+        return *this;
+    }
+
+private:
+    using TypeBuilder<T>::self;
+    std::string ownerName() const { return std::string(attr_.owner()->name()); }
+    static WexAttr::MemberTextWriter noTextWrite(std::string name, char const* why) {
+        return [name = std::move(name), why](void*, std::string_view, std::string_view) -> Value {
+            throw RangeException(name, why);
+        };
+    }
+    // Calls op with construction values, all of them converted (braced, left to right) before.
+    template <class F, class P>
+    static Value invokeWith(F const& op, T& object, P const& values) {
+        return std::apply([&](auto const&... v) { return detail::invokeToValue(op, object, v...); }, values);
+    }
+
+    WexAttr& attr_;
 };
 
 template <class T>

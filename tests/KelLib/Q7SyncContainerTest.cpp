@@ -25,6 +25,36 @@ bool anyContains(std::vector<std::string> const& lines, std::string_view text) {
     return std::any_of(lines.begin(), lines.end(), [&](auto const& l) { return l.find(text) != std::string::npos; });
 }
 
+// A write made both ways: the typed call on one object, the reflective one on its twin, which
+// returns `returns` (the object it removed, for a deletion).
+struct TwinWrite {
+    std::function<void()> typed;
+    std::function<Wex::Value()> reflected;
+    Wex::PtrInterface const* returns = nullptr;
+};
+
+// Runs each write both ways; after each the twins must have been heard alike and hold as many.
+void expectWritesAlike(std::vector<TwinWrite> const& writes, ChangeRecorder const& typed,
+                       ChangeRecorder const& reflected, std::function<bool()> const& sameCount) {
+    for (std::size_t i = 0; i < writes.size(); ++i) {
+        writes[i].typed();
+        EXPECT_EQ(writes[i].reflected().object(), writes[i].returns) << "write " << i;
+        EXPECT_EQ(reflected.changes, typed.changes) << "write " << i;
+        EXPECT_TRUE(sameCount()) << "write " << i;
+    }
+}
+
+// Reflective writes refused as the typed ones are, each naming the attribute.
+template <class E>
+void expectRefused(std::function<void()> const& attempt, char const* attribute) {
+    try {
+        attempt();
+        ADD_FAILURE() << "accepted, " << attribute;
+    } catch (E const& e) {
+        EXPECT_EQ(e.attribute(), attribute);
+    }
+}
+
 // SyncContainer
 
 class SyncContainerTest : public SyncFixture {
@@ -109,6 +139,21 @@ TEST_F(SyncContainerTest, ASecondSubscriptionNamingTheContainerLeavesTheFirstsSt
     EXPECT_TRUE(watcher.changes.empty());
 }
 
+// The sync service writes a peer's content into the attribute the local URI names, from text.
+TEST_F(SyncContainerTest, SyncAttributeIsWrittenFromTextWithItsWatchersTold) {
+    auto c = Lumo::ptr_cast<StateContainer>(SyncContainer::create(dir, stateSubscription("k", 0x02)));
+    Wex::WexType const* type = c->fwkType();
+    Wex::WexAttr const& state = type->attrOrThrow(c->syncAttributeName().view());
+    Wex::GenericIf const gi = type->genericIf(c);
+    ChangeRecorder watcher(c);
+    state.genericIfSetFromText(gi, "'remote \\x41 state'");
+    EXPECT_EQ(c->syncAttribute(), "remote A state");
+    EXPECT_THROW(state.genericIfSetFromText(gi, "'unterminated"), Wex::RangeException);
+    EXPECT_THROW(state.genericIfSetFromText(gi, "'one' 'two'"), Wex::RangeException);
+    EXPECT_EQ(c->syncAttribute(), "remote A state");
+    EXPECT_EQ(watcher.changes, (std::vector<ChangeRecorder::Seen>{{StateContainer::kSyncAttribute, true}}));
+}
+
 TEST_F(SyncContainerTest, CreateRefusesBadInputAndChangesNothing) {
     try {
         SyncContainer::create(nullptr, subscription("k"));
@@ -173,6 +218,50 @@ TEST_F(SyncContainerStatusTest, NullContainerIsRefusedChangingNothing) {
     EXPECT_TRUE(watcher.changes.empty());
 }
 
+TEST_F(SyncContainerStatusTest, ReflectionReadsByKeyAndWritesAndDeletesThroughTheTypedCalls) {
+    Wex::WexType const* type = Wex::wexTypeOf<SyncContainerStatus>();
+    Wex::WexAttr const& records = type->attrOrThrow("syncContainer");
+    Lumo::Ptr<SyncContainerStatus> twin = SyncContainerStatus::SyncContainerStatusIs();
+    Wex::GenericIf const gi = type->genericIf(twin);
+    ChangeRecorder typedWatcher(status), reflectedWatcher(twin);
+    PathSubscribeConfig const a = subscription("k", 1), b = subscription("k", 2);
+    auto ca = placeContainer(dir, a), cb = placeContainer(dir, b), replacement = placeContainer(freshDir("other"), a);
+    auto const is = [&](Lumo::Ptr<SyncContainer> const& c) {
+        return [&, c] { return records.genericIfMemberIs(gi, {{"syncContainer", Wex::Value::of(c)}}); };
+    };
+    auto const sameCount = [&] { return twin->syncContainer().size() == status->syncContainer().size(); };
+    expectWritesAlike({{[&] { status->syncContainerIs(ca); }, is(ca)},
+                       {[&] { status->syncContainerIs(ca); }, is(ca)},
+                       {[&] { status->syncContainerIs(cb); }, is(cb)},
+                       {[&] { status->syncContainerIs(replacement); }, is(replacement)}},
+                      typedWatcher, reflectedWatcher, sameCount);
+    EXPECT_EQ(reflectedWatcher.changes.size(), 3u);
+
+    EXPECT_EQ(records.genericIfMember(gi, Wex::Value::of(a)).object(), replacement.ptr());
+    EXPECT_TRUE(records.genericIfMemberHas(gi, Wex::Value::of(b)));
+    EXPECT_FALSE(records.genericIfMember(gi, Wex::Value::of(subscription("absent"))).object());
+    EXPECT_FALSE(records.genericIfMemberHas(gi, Wex::Value::of(subscription("absent"))));
+    EXPECT_EQ(records.genericIfCount(gi), 2u);
+    EXPECT_EQ(twin->syncContainersOfKey("k").size(), 2u);  // the typed call keeps its index
+
+    expectRefused<Wex::NullArgumentException>([&] { is(nullptr)(); }, "syncContainer");
+    expectRefused<Wex::ValueTypeException>([&] { records.genericIfMemberIs(gi, {{"syncContainer", Wex::Value::of(dir)}}); },
+                                           "syncContainer");
+    expectRefused<Wex::ValueTypeException>([&] { records.genericIfMemberDel(gi, Wex::Value::of(Lumo::String("k"))); },
+                                           "syncContainer");
+    expectRefused<Wex::RangeException>([&] { records.genericIfMemberIsFromText(gi, valueToStrep(a), "null"); },
+                                       "syncContainer");
+    EXPECT_EQ(reflectedWatcher.changes.size(), 3u);
+
+    expectWritesAlike({{[&] { status->syncContainerDel(b); }, [&] { return records.genericIfMemberDel(gi, Wex::Value::of(b)); },
+                        cb.ptr()},
+                       {[&] { status->syncContainerDel(b); }, [&] { return records.genericIfMemberDel(gi, Wex::Value::of(b)); }},
+                       {[&] { status->syncContainerDelAll(); }, [&] { records.genericIfMemberDelAll(gi); return Wex::Value(); }}},
+                      typedWatcher, reflectedWatcher, sameCount);
+    EXPECT_EQ(reflectedWatcher.changes.size(), 5u);
+    EXPECT_TRUE(twin->syncContainersOfKey("k").empty());
+}
+
 // SyncContainerHandlerRegistry
 
 TEST_F(SyncFixture, RegistryRefusesNullAndNotifiesOnlyRealChanges) {
@@ -187,6 +276,37 @@ TEST_F(SyncFixture, RegistryRefusesNullAndNotifiesOnlyRealChanges) {
     EXPECT_FALSE(registry->syncContainerHandlerDel("absent"));
     EXPECT_EQ(watcher.changes, (std::vector<ChangeRecorder::Seen>{{130, false}, {130, true}}));
     EXPECT_EQ(registry->syncContainerHandler("k"), b);
+}
+
+TEST_F(SyncFixture, RegistryThroughReflectionIsReadByKeyAndWrittenAsByTheTypedCalls) {
+    std::vector<std::string> log;
+    Wex::WexType const* type = Wex::wexTypeOf<SyncContainerHandlerRegistry>();
+    Wex::WexAttr const& handlers = type->attrOrThrow("syncContainerHandler");
+    auto registry = SyncContainerHandlerRegistry::SyncContainerHandlerRegistryIs();
+    auto twin = SyncContainerHandlerRegistry::SyncContainerHandlerRegistryIs();
+    Wex::GenericIf const gi = type->genericIf(twin);
+    ChangeRecorder typedWatcher(registry), reflectedWatcher(twin);
+    auto a = RecordingHandler::make("A", "k", &log), b = RecordingHandler::make("B", "k", &log);
+    auto const is = [&](Lumo::Ptr<RecordingHandler> const& h) {
+        return [&, h] { return handlers.genericIfMemberIs(gi, {{"syncContainerHandler", Wex::Value::of(h)}}); };
+    };
+    auto const del = [&](char const* key) { return [&, key] { return handlers.genericIfMemberDel(gi, Wex::Value::of(Lumo::String(key))); }; };
+    expectWritesAlike({{[&] { registry->syncContainerHandlerIs(a); }, is(a)},
+                       {[&] { registry->syncContainerHandlerIs(a); }, is(a)},
+                       {[&] { registry->syncContainerHandlerIs(b); }, is(b)},
+                       {[&] { registry->syncContainerHandlerDel("absent"); }, del("absent")}},
+                      typedWatcher, reflectedWatcher,
+                      [&] { return twin->syncContainerHandler().size() == registry->syncContainerHandler().size(); });
+    EXPECT_EQ(handlers.genericIfMember(gi, Wex::Value::of(Lumo::String("k"))).object(), b.ptr());
+    EXPECT_TRUE(handlers.genericIfMemberHas(gi, Wex::Value::of(Lumo::String("k"))));
+    EXPECT_EQ(handlers.genericIfCount(gi), 1u);
+    expectRefused<Wex::NullArgumentException>([&] { is(nullptr)(); }, "syncContainerHandler");
+    expectRefused<Wex::RangeException>([&] { handlers.genericIfMemberIsFromText(gi, "'k'", "null"); }, "syncContainerHandler");
+    expectRefused<Wex::AttributeAccessException>([&] { handlers.genericIfMemberDelAll(gi); }, "syncContainerHandler");
+    EXPECT_EQ(handlers.genericIfMemberDelFromText(gi, "'k'").object(), b.ptr());
+    registry->syncContainerHandlerDel("k");
+    EXPECT_EQ(reflectedWatcher.changes, typedWatcher.changes);
+    EXPECT_EQ(reflectedWatcher.changes.size(), 3u);
 }
 
 // SyncContainerSm

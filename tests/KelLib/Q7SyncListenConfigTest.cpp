@@ -132,6 +132,12 @@ TEST_F(ListenConfigTest, ReflectionShowsReadOnlyFieldsAndConstructsFromNamedArgs
         Wex::Args{{"hostAddr", Wex::Value::of(addr("192.0.2.7"))}, {"port", Wex::Value::of<std::uint16_t>(4711)}});
     ASSERT_NE(made.as<ListenConfig>(), nullptr);
     EXPECT_TRUE(ListenConfig::isEq(*made.as<ListenConfig>(), v4));
+    EXPECT_EQ(made.hash(), v4.hash(0));
+    EXPECT_EQ(made.truth(), true);
+    Wex::Value const none = type->newValue(
+        Wex::Args{{"hostAddr", Wex::Value::of(Kivu::IpGenAddr())}, {"port", Wex::Value::of<std::uint16_t>(0)}});
+    EXPECT_EQ(none.truth(), false);
+    EXPECT_EQ(none.hash(), ListenConfig().hash(0));
     EXPECT_EQ(made.text(), v4Text);
     EXPECT_EQ(type->attr("port")->get(made.as<ListenConfig>()).text(), "4711");
     EXPECT_EQ(type->attr("hostAddr")->get(made.as<ListenConfig>()).text(), "192.0.2.7");

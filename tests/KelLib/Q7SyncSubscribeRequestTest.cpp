@@ -146,6 +146,23 @@ TEST_F(SubscribeConfigTest, UnspecifiedAddressDerivesNothingAndOnlyTheDefaultIsF
     EXPECT_EQ(make("0.0.0.0", 1, "p", "k").remoteAgentKey(), "0.0.0.0:1");
 }
 
+TEST_F(SubscribeConfigTest, ReflectionTellsTheHashWithSeedZeroAndTheTruthValue) {
+    Wex::WexAttr const& create = Wex::wexTypeOf<PathSubscribeConfig>()->attrOrThrow("createWithContainerTypeString");
+    auto const made = [&](Kivu::IpGenAddr const& a, std::uint32_t port) {
+        return create.call(nullptr, {{"remoteAddr", Wex::Value::of(a)},
+                                     {"remotePort", Wex::Value::of(port)},
+                                     {"remotePath", Wex::Value::of(Lumo::String("agent/state"))},
+                                     {"syncContainerKey", Wex::Value::of(Lumo::String("k"))},
+                                     {"syncContainerTypeName", Wex::Value::of(Lumo::String("Kel::Q7Sync::SyncContainer"))},
+                                     {"flags", Wex::Value::of(F::WRITE() | F::RELIABLE())}});
+    };
+    EXPECT_EQ(made(addr("10.1.2.3"), 4000).hash(), example.hash(0));
+    EXPECT_NE(made(addr("10.1.2.3"), 4001).hash(), example.hash(0));
+    EXPECT_EQ(made(addr("10.1.2.3"), 4000).truth(), true);
+    EXPECT_EQ(Wex::Value::of(PathSubscribeConfig()).truth(), false);
+    EXPECT_EQ(Wex::Value::of(PathSubscribeConfig()).hash(), PathSubscribeConfig().hash(0));
+}
+
 TEST_F(SubscribeConfigTest, EveryFieldTakesPartInEqualityAndHash) {
     PathSubscribeConfig const copy = example;
     EXPECT_TRUE(PathSubscribeConfig::isEq(copy, example));

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "KelLib/Q7SyncSubscribeStatus.h"
+#include "Oru/WeakRef.h"
 #include "support/SyncTestSupport.h"
 
 namespace Kel::Q7Sync::Test {
@@ -241,6 +242,109 @@ TEST_F(SubscribeSmTest, RecordKeepsItsStatusAndRefusesAnother) {
     EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg), entry);
     EXPECT_EQ(entry->syncStatus(), s);
     EXPECT_EQ(entry->pathSubscribeConfig(), cfg);
+}
+
+// Reflection
+
+// q7SyncStatus shows the statuses that the reactors of wexQ7SyncStatus watch; both are read by
+// key, tested and counted, and only the first written, through the typed calls.
+TEST_F(SubscribeSmTest, ReflectionShowsStatusesInOneViewAndTheirReactorsInTheOther) {
+    sm = makeSm();
+    Lumo::Ptr<SubscribeSm> twin = makeSm();
+    Wex::WexType const* type = Wex::wexTypeOf<SubscribeSm>();
+    Wex::GenericIf const gi = type->genericIf(twin);
+    Wex::WexAttr const& statuses = type->attrOrThrow("q7SyncStatus");
+    Wex::WexAttr const& reactors = type->attrOrThrow("wexQ7SyncStatus");
+    Lumo::String const uri = "10.0.0.1:1/a";
+    auto const s1 = makeStatus(uri.str().c_str()), s2 = makeStatus(uri.str().c_str());
+    Wex::Value const key = Wex::Value::of(uri);
+    auto const is = [&](Lumo::Ptr<SyncStatus> const& s) {
+        return statuses.genericIfMemberIs(gi, {{"q7SyncStatus", Wex::Value::of(s)}});
+    };
+    // Watching s1, s1 again, then s2 of the same uri: only the rebinding traces, once per twin.
+    for (auto const& [status, traced] : {std::pair{s1, 0u}, std::pair{s1, 0u}, std::pair{s2, 2u}}) {
+        sm->q7SyncStatusIs(status);
+        EXPECT_TRUE(is(status).empty());
+        EXPECT_EQ(traces.at(1).size(), traced);
+        EXPECT_EQ(twin->wexQ7SyncStatus().size(), sm->wexQ7SyncStatus().size());
+    }
+    EXPECT_EQ(traces.at(1)[0], traces.at(1)[1]);
+
+    Lumo::Ptr<Q7SyncStatusSm> const reactor = twin->wexQ7SyncStatus(uri);
+    EXPECT_EQ(statuses.genericIfMember(gi, key).object(), s2.ptr());
+    EXPECT_EQ(reactors.genericIfMember(gi, key).object(), reactor.ptr());
+    std::vector<Wex::PtrInterface const*> walked;
+    statuses.forEach(twin.ptr(), [&](Wex::Value const&, Wex::Value const& v) { walked.push_back(v.object()); });
+    EXPECT_EQ(walked, std::vector<Wex::PtrInterface const*>{s2.ptr()});
+    for (Wex::WexAttr const* view : {&statuses, &reactors}) {
+        EXPECT_TRUE(view->genericIfMemberHas(gi, key));
+        EXPECT_FALSE(view->genericIfMemberHas(gi, Wex::Value::of(Lumo::String("absent"))));
+        EXPECT_FALSE(view->genericIfMember(gi, Wex::Value::of(Lumo::String("absent"))).object());
+        EXPECT_EQ(view->genericIfCount(gi), 1u);
+    }
+    // The reactor's owner is a back pointer; a write still takes a counted one.
+    Wex::WexType const* reactorType = Wex::wexTypeOf<Q7SyncStatusSm>();
+    Wex::WexAttr const& owner = reactorType->attrOrThrow("subscribeSm");
+    Wex::GenericIf const reactorView = reactorType->genericIf(reactor);
+    ASSERT_TRUE(owner.genericIfGet(reactorView).as<Oru::WeakRef>());
+    EXPECT_EQ(owner.genericIfGet(reactorView).as<Oru::WeakRef>()->ptr(), twin.ptr());
+
+    try {
+        is(nullptr);
+        ADD_FAILURE() << "null accepted";
+    } catch (Wex::NullArgumentException const& e) {
+        EXPECT_EQ(e.attribute(), "q7SyncStatus");
+    }
+    EXPECT_THROW(statuses.genericIfMemberIs(gi, {{"q7SyncStatus", Wex::Value::of(reactor)}}), Wex::ValueTypeException);
+    EXPECT_THROW(statuses.genericIfMemberIsFromText(gi, "'x'", "null"), Wex::RangeException);
+    EXPECT_THROW(statuses.genericIfMemberDelAll(gi), Wex::AttributeAccessException);
+    EXPECT_THROW(reactors.genericIfMemberDel(gi, key), Wex::AttributeAccessException);
+    EXPECT_EQ(twin->wexQ7SyncStatus(uri), reactor);
+
+    sm->q7SyncStatusDel(uri);
+    EXPECT_EQ(statuses.genericIfMemberDel(gi, key).object(), s2.ptr());
+    EXPECT_EQ(statuses.genericIfMemberDel(gi, key).object(), nullptr);
+    EXPECT_EQ(owner.genericIfGet(reactorView).as<Oru::WeakRef>()->ptr(), nullptr);
+    EXPECT_TRUE(reactor->zombie());
+    owner.genericIfSet(reactorView, {{"subscribeSm", Wex::Value::of(twin)}});
+    EXPECT_EQ(reactor->subscribeSm(), twin.ptr());
+    EXPECT_EQ(traces.at(1).size(), 2u);
+}
+
+// Entries are made by the record from their construction values and never made again with
+// others; reflection takes the same values, and the entries' own attributes only read.
+TEST_F(SubscribeSmTest, ReflectionMakesRecordEntriesFromTheirConstructionValues) {
+    Wex::WexType const* type = Wex::wexTypeOf<SubscribeStatus>();
+    Wex::WexAttr const& entries = type->attrOrThrow("pathSubscribeStatus");
+    Wex::GenericIf const gi = type->genericIf(subscribeStatus);
+    auto const s = makeStatus("a"), t = makeStatus("a");
+    auto const make = [&](Lumo::Ptr<SyncStatus> const& status) {
+        return entries.genericIfMemberIs(gi, {{"pathSubscribeConfig", Wex::Value::of(cfg)}, {"syncStatus", Wex::Value::of(status)}});
+    };
+    EXPECT_EQ(entries.params(), (std::vector<std::string>{"pathSubscribeConfig", "syncStatus"}));
+    Wex::Value const made = make(s);
+    Lumo::Ptr<PathSubscribeStatus> const entry = subscribeStatus->pathSubscribeStatus(cfg);
+    ASSERT_TRUE(entry);
+    EXPECT_EQ(made.object(), entry.ptr());
+    EXPECT_EQ(entry->syncStatus(), s);
+    EXPECT_EQ(make(s).object(), entry.ptr());
+    try {
+        make(t);
+        ADD_FAILURE() << "made again with another status";
+    } catch (Wex::ReInstantiationException const& e) {
+        EXPECT_EQ(e.attribute(), "syncStatus");
+    }
+    EXPECT_THROW(entries.genericIfMemberIs(gi, {{"pathSubscribeConfig", Wex::Value::of(cfg)}}), Wex::NewEntityArgsException);
+    EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg), entry);
+    EXPECT_EQ(entries.genericIfMember(gi, Wex::Value::of(cfg)).object(), entry.ptr());
+    EXPECT_TRUE(entries.genericIfMemberHas(gi, Wex::Value::of(cfg)));
+    EXPECT_EQ(entries.genericIfCount(gi), 1u);
+    for (Wex::WexAttr const* a : Wex::wexTypeOf<PathSubscribeStatus>()->allAttrs()) EXPECT_TRUE(a->readOnly()) << a->name();
+
+    EXPECT_EQ(entries.genericIfMemberDel(gi, Wex::Value::of(cfg)).object(), entry.ptr());
+    EXPECT_FALSE(entries.genericIfMemberDel(gi, Wex::Value::of(cfg)).object());
+    EXPECT_FALSE(entries.genericIfMemberHas(gi, Wex::Value::of(cfg)));
+    EXPECT_THROW(entries.genericIfMemberDelAll(gi), Wex::AttributeAccessException);
 }
 
 } // namespace

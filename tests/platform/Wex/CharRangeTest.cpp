@@ -65,6 +65,15 @@ TEST(CharRangeTest, UnsignedNumbersStopAtTheTypesMaximum) {
     EXPECT_NE(refusal<std::uint32_t>("-1").find("expected an unsigned number at '-1'"), std::string::npos);
 }
 
+TEST(CharRangeTest, BoolsReadTheirTextFormAndNothingElse) {
+    Wex::CharRange range("true,false");
+    EXPECT_TRUE(range.deserializeAttr<bool>("attr"));
+    range.require(",", "comma");
+    EXPECT_FALSE(range.deserializeAttr<bool>("attr"));
+    EXPECT_NE(refusal<bool>("True").find("expected true or false at 'True'"), std::string::npos);
+    EXPECT_NE(refusal<bool>("1").find("expected true or false"), std::string::npos);
+}
+
 TEST(CharRangeTest, LiteralsTokensAndLeftOverTextAreRefusedNamingTheAttribute) {
     Wex::CharRange range("key: value; rest");
     EXPECT_THROW(range.require("other", "literal"), Wex::RangeException);
