@@ -1,4 +1,4 @@
-// Oru::DumpContext: routing dump text, and the context's type table.
+// Oru::DumpContext: routing dump text, the set of objects shown, and the context's type table.
 #include "Oru/DumpContext.h"
 
 #include "Wex/Type.h"
@@ -19,6 +19,22 @@ void DumpContext::write(std::string_view text) noexcept {
 void DumpContext::flush() noexcept {
     if (writer_) writer_->buffer()->flush();
     else if (fdBuffer_) fdBuffer_->flush();
+}
+
+DumpContext::Walk::Walk(DumpContext& ctx) noexcept : ctx_(ctx) {
+    if (ctx_.openWalks_++ == 0) ctx_.shown_.clear();
+}
+
+// clear() gives a large table back to the heap: a context kept between dumps holds nothing.
+DumpContext::Walk::~Walk() {
+    if (--ctx_.openWalks_ == 0) ctx_.shown_.clear();
+}
+
+bool DumpContext::visitedIs(Wex::PtrInterface const* object) {
+    if (shown_.find(object) != Shown::npos) return false;
+    shown_.insertNew(object);
+    ++objectsShown_;
+    return true;
 }
 
 Wex::WexType const* DumpContext::fwkType() const noexcept { return Wex::wexTypeOf<DumpContext>(); }
