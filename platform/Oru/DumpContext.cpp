@@ -30,8 +30,13 @@ DumpContext::Walk::~Walk() {
     if (--ctx_.openWalks_ == 0) ctx_.shown_.clear();
 }
 
+// Every object is remembered, also one that a single counted pointer holds: two attributes
+// may hand out that same pointer, and the second must read as already shown.
 bool DumpContext::visitedIs(Wex::PtrInterface const* object) {
     if (shown_.find(object) != Shown::npos) return false;
+    // reserve() takes the smallest table that holds one more, twice the full one; insertNew's
+    // own growth asks room for twice the members and so takes four times the table.
+    shown_.reserve(shown_.size() + 1);
     shown_.insertNew(object);
     ++objectsShown_;
     return true;

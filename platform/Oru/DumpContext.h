@@ -53,7 +53,8 @@ public:
     // same context (from a getter) shares its set, as both write to the same text. Objects
     // are remembered by address and not held: one that goes during the walk is freed at once,
     // and another made at its address reads as already shown (getters hand out the objects
-    // they hold, so a walk meets no such newcomer). The set takes 12 to 24 bytes per object shown.
+    // they hold, so a walk meets no such newcomer). The set takes 12 to 24 bytes per object
+    // shown, and half as much again for the moment its table doubles.
     class Walk {
     public:
         explicit Walk(DumpContext& ctx) noexcept;
