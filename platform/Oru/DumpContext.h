@@ -2,11 +2,13 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string_view>
 
 #include "Lumo/Ptr.h"
 #include "Termout/DumpStateWriterCallback.h"
 #include "Termout/NonBlockingCliTxnBuffer.h"
+#include "Wex/Collection.h"
 #include "Wex/PtrInterface.h"
 
 namespace Oru {
@@ -43,16 +45,31 @@ public:
     // Hands what is buffered to the descriptor (the writer's buffer, or the context's own).
     void flush() noexcept;
 
-    // Records `object` as shown; false when it was shown already. The mark is kept in the
-    // object itself (see Wex::PtrInterface::walkMarked), and the walk that set it clears it
-    // before it returns: a dump of any size keeps nothing but its path.
-    bool visitedIs(Wex::PtrInterface const* object) noexcept {
-        if (object->walkMarked()) return false;
-        object->walkMarkedIs(true);
-        ++objectsShown_;
-        return true;
-    }
-    bool visited(Wex::PtrInterface const* object) const noexcept { return object->walkMarked(); }
+    // The objects shown by the walk under way, kept here rather than in the objects so that
+    // two dumps never see each other's. The set lasts one walk (one call of
+    // Impl::doObjDumpChildPtrGeneric): it is emptied when the outermost Walk opens and when it
+    // closes, however it closes, so each call shows every object once and the next call
+    // through the same context shows them all again. A walk opened inside another on the
+    // same context (from a getter) shares its set, as both write to the same text. Objects
+    // are remembered by address and not held: one that goes during the walk is freed at once,
+    // and another made at its address reads as already shown (getters hand out the objects
+    // they hold, so a walk meets no such newcomer). The set takes 12 to 24 bytes per object
+    // shown, and half as much again for the moment its table doubles.
+    class Walk {
+    public:
+        explicit Walk(DumpContext& ctx) noexcept;
+        ~Walk();
+        Walk(Walk const&) = delete;
+        Walk& operator=(Walk const&) = delete;
+
+    private:
+        DumpContext& ctx_;
+    };
+
+    // Records `object` as shown; false when it was shown already in this walk.
+    bool visitedIs(Wex::PtrInterface const* object);
+    bool visited(Wex::PtrInterface const* object) const noexcept { return shown_.find(object) != Shown::npos; }
+    // Objects shown over the context's whole life, all walks together.
     std::size_t objectsShown() const noexcept { return objectsShown_; }
 
     Wex::WexType const* fwkType() const noexcept override;
@@ -62,12 +79,16 @@ protected:
     ~DumpContext() override = default;
 
 private:
+    using Shown = Wex::detail::FlatSet<Wex::PtrInterface const*, std::hash<Wex::PtrInterface const*>, std::equal_to<>>;
+
     int fd_;
     CompressedFile* compressedFile_;
     unsigned level_;
     bool followWeakReferences_ = true;
     Lumo::Ptr<Termout::DumpStateWriterCallback> writer_;
     Lumo::Ptr<Termout::NonBlockingCliTxnBuffer> fdBuffer_;
+    Shown shown_;
+    unsigned openWalks_ = 0;
     std::size_t objectsShown_ = 0;
 };
 

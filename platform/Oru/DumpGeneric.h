@@ -24,10 +24,9 @@ namespace Impl {
 //   broken: <error: ...>               the read threw; the dump goes on
 // Counted pointers to objects with a type are followed, as are back pointers (Oru::WeakRef)
 // while the context says so; operations and attributes without a reader are skipped. Each
-// object is shown once per call, and nothing deeper than its depth limit is walked. What was
-// shown is marked in the objects themselves and unmarked before the call returns, by a second,
-// silent walk over the same course: getters must hand out the objects they hold, not new ones.
-// `type` null means the object's own fwkType(). Text goes out through the context line by line.
+// object is shown once per call (the context keeps the set, see DumpContext::Walk), and nothing
+// deeper than its depth limit is walked. `type` null means the object's own fwkType(). Text goes
+// out through the context line by line.
 void doObjDumpChildPtrGeneric(Lumo::Ptr<Wex::PtrInterface const> const& obj, Wex::WexType const* type,
                               DumpContext& ctx, unsigned depth);
 inline void doObjDumpChildPtrGeneric(Lumo::Ptr<Wex::PtrInterface const> const& obj, Wex::WexType const* type,

@@ -47,11 +47,6 @@ public:
     // A reactor marked for deletion ignores every notification.
     virtual void wexDoZombieReactors(bool marked) { zombie_ = marked; }
 
-    // Walks over the object graph (the state dump) mark the objects they have reached and
-    // unmark them before they end, so that a walk keeps no set that grows with the state.
-    bool walkMarked() const noexcept { return walkMarked_; }
-    void walkMarkedIs(bool marked) const noexcept { walkMarked_ = marked; }
-
     // The publisher through which watchers of one object (NotifieeConst) hear of its
     // attribute changes; null for objects that tell nobody.
     virtual Lumo::Publisher* notifieeList() const noexcept { return nullptr; }
@@ -82,7 +77,6 @@ private:
     mutable bool dying_ : 1 = false;
     bool notificationActive_ : 1 = false;
     bool zombie_ : 1 = false;
-    mutable bool walkMarked_ : 1 = false;
 };
 
 // Watches the plain attributes of one object, through its notifieeList(): told which attribute

@@ -44,6 +44,9 @@ struct NodeKey {
 class Node : public Wex::PtrInterface {
 public:
     explicit Node(Lumo::String name, int w = 0) : weight(w), name_(std::move(name)) {}
+    ~Node() override {
+        if (gone) *gone = true;
+    }
     Lumo::String const& name() const noexcept { return name_; }
     Wex::WexType const* fwkType() const noexcept override { return Wex::wexTypeOf<Node>(); }
 
@@ -54,6 +57,7 @@ public:
     Wex::Collection<Lumo::String, Score, ScoreKey> scores{"scores", 2};
     bool fragile = false;
     std::function<void()> onProbe;
+    bool* gone = nullptr;
 
 private:
     Lumo::String name_;
@@ -333,6 +337,106 @@ TEST_F(DumpTest, OutputStreamsThroughTheWriterWhileTheDumpRuns) {
     EXPECT_EQ(pipe.received(), expected);
 }
 
+// A chain root -> n1 -> ... -> n4 -> root, n4 also a member of root (met first past a depth
+// limit of 3 through the chain, then shown through the collection), and a read that throws.
+std::vector<Lumo::Ptr<Node>> tangle() {
+    std::vector<Lumo::Ptr<Node>> all{node("root")};
+    for (int i = 1; i <= 4; ++i) all.push_back(all.back()->child = node("n", i));
+    all[0]->members.set(all[4]);
+    all[2]->fragile = true;
+    all[4]->child = all[0];
+    return all;
+}
+
+// The set of objects shown lasts one call: a call through the same context, one after a walk
+// that an exception ended, and one through a new context all show everything again.
+TEST_F(DumpTest, EachCallShowsEverythingAgainWhateverEndedTheLastOne) {
+    auto const all = tangle();
+    std::string const expected = dump(all[0], true, 3);
+    EXPECT_EQ(shown, all.size());
+    EXPECT_EQ(occurrences(expected, "(DumpTest::Node, not shown: depth limit)"), 1u);
+
+    TempFile file;
+    Lumo::Ptr<Oru::DumpContext> ctx(new Oru::DumpContext(file.fd(), nullptr, 3));
+    for (int round = 0; round < 2; ++round) {
+        Oru::Impl::doObjDumpChildPtrGeneric(all[0], nullptr, *ctx, 0);
+        ctx->flush();
+        EXPECT_EQ(file.fresh(), expected) << "round " << round;
+    }
+    EXPECT_THROW(
+        {
+            Oru::DumpContext::Walk const walk(*ctx);
+            Oru::Impl::doObjDumpChildPtrGeneric(all[0], nullptr, *ctx, 0);
+            throw std::runtime_error("caller gave up midway");
+        },
+        std::runtime_error);
+    ctx->flush();
+    file.fresh();
+    Oru::Impl::doObjDumpChildPtrGeneric(all[0], nullptr, *ctx, 0);
+    ctx->flush();
+    EXPECT_EQ(file.fresh(), expected);
+    EXPECT_EQ(ctx->objectsShown(), 4 * all.size());
+    EXPECT_EQ(dump(all[0], true, 3), expected);
+    all[4]->child = nullptr;
+}
+
+// A getter that dumps while a dump runs: through another context the inner dump is complete and
+// the outer one goes on untouched; through the same context the inner walk shares the set, so
+// what the outer showed reads as already shown and stays so after the inner walk ends.
+TEST_F(DumpTest, DumpsMadeWhileAnotherRunsKeepToTheirOwnContext) {
+    auto root = node("root");
+    auto a = node("a");
+    auto b = node("b");
+    root->members.set(a);
+    root->members.set(b);
+    b->child = a;
+    std::string const expected = dump(root);
+
+    TempFile file;
+    Lumo::Ptr<Oru::DumpContext> ctx(new Oru::DumpContext(file.fd(), nullptr, 0));
+    std::string inner;
+    bool inside = false;
+    a->onProbe = [&] {
+        if (inside) return;
+        inside = true;
+        inner = dump(root);
+        ctx->flush();
+        std::size_t const before = file.contents().size();
+        Oru::Impl::doObjDumpChildPtrGeneric(root, nullptr, *ctx, 0);
+        ctx->flush();
+        EXPECT_EQ(file.contents().substr(before), fmt::format("^{} (DumpTest::Node, already shown)\n", addr(root.ptr())));
+        inside = false;
+    };
+    Oru::Impl::doObjDumpChildPtrGeneric(root, nullptr, *ctx, 0);
+    ctx->flush();
+    EXPECT_EQ(inner, expected);
+    std::string const outer = file.contents();
+    std::string const nested = fmt::format("^{} (DumpTest::Node, already shown)\n", addr(root.ptr()));
+    ASSERT_EQ(occurrences(outer, nested), 1u) << outer;
+    std::string withoutNested = outer;
+    withoutNested.erase(outer.find(nested), nested.size());
+    EXPECT_EQ(withoutNested, expected);
+    EXPECT_EQ(ctx->objectsShown(), 3u);
+    a->onProbe = nullptr;
+}
+
+// The set remembers addresses and holds nothing: an object dropped by a getter while the walk
+// goes on is freed at once.
+TEST_F(DumpTest, AWalkKeepsNoObjectAlive) {
+    auto root = node("root");
+    bool kidGone = false, goneAtProbe = false;
+    root->child = node("kid");
+    root->child->gone = &kidGone;
+    root->onProbe = [&] {
+        root->child = nullptr;
+        goneAtProbe = kidGone;
+    };
+    std::string const text = dump(root);
+    EXPECT_NE(text.find("  name: 'kid'"), std::string::npos);
+    EXPECT_TRUE(goneAtProbe);
+    EXPECT_EQ(shown, 2u);
+}
+
 // ---- the output buffer and the writer ----
 
 void writeLargeOutput(Termout::NonBlockingCliTxnBuffer& buffer, std::string& sent) {
@@ -432,30 +536,3 @@ TEST(CliTxnBuffer, BadConstructionIsRefused) {
 }
 
 } // namespace
-
-// The marks a walk sets in the objects must all be gone when it returns, also for an object met
-// first past the depth limit and shown later, and for one whose read throws; else a second walk
-// would call them already shown.
-TEST_F(DumpTest, AWalkLeavesNoMarkSoTheNextOneShowsEverythingAgain) {
-    auto root = node("root");
-    std::vector<Lumo::Ptr<Node>> all{root};
-    Node* last = root.ptr();
-    for (int i = 1; i <= 4; ++i) {
-        last->child = node("n", i);
-        all.push_back(last->child);
-        last = last->child.ptr();
-    }
-    root->members.set(all[4]);  // past the depth limit through the chain, shown through the set
-    all[2]->fragile = true;
-    all[4]->child = root;  // and a cycle
-    TempFile file;
-    Lumo::Ptr<Oru::DumpContext> ctx(new Oru::DumpContext(file.fd(), nullptr, 3));
-    for (int round = 0; round < 2; ++round) {
-        Oru::Impl::doObjDumpChildPtrGeneric(root, nullptr, *ctx, 0);
-        for (auto const& n : all) EXPECT_FALSE(n->walkMarked()) << n->name() << " in round " << round;
-    }
-    EXPECT_EQ(ctx->objectsShown(), 2 * all.size());
-    ctx = nullptr;
-    EXPECT_EQ(occurrences(file.contents(), "(DumpTest::Node, not shown: depth limit)"), 2u);
-    all[4]->child = nullptr;
-}
