@@ -46,7 +46,7 @@ Lumo::Ptr<SyncContainer> SyncContainer::create(Lumo::Ptr<Wex::Dir> const& dir, P
         throw Wex::ReInstantiationException("pathSubscribeConfig");
     if (std::uint8_t(config.flags()) == kResetSyncAttributeFlags) {
         Wex::WexAttr const* attr = type->attr("syncAttribute");
-        if (attr && attr->kind() == Wex::AttrKind::attribute && !attr->readOnly())
+        if (attr && attr->resettable())
             attr->genericIfSet(type->genericIf(container), {});
     }
     container->setConfig(config);

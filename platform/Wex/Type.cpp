@@ -36,7 +36,9 @@ Value WexAttr::get(void const* object) const {
 }
 
 void WexAttr::set(void* object, Args const& args) const {
-    if (!set_) refuse("is read-only");
+    // A collection is written member by member; written with no arguments it is reset.
+    if (kind_ == AttrKind::collection && args.empty() && memberDelAll_) return memberDelAll_(object);
+    if (!set_) refuse(kind_ == AttrKind::collection ? "is written member by member" : "is read-only");
     set_(object, args);
 }
 

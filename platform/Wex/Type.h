@@ -56,6 +56,9 @@ public:
     bool readable() const noexcept { return bool(get_) || bool(walk_); }
     // Nothing can be written: neither the attribute nor any member of the collection.
     bool readOnly() const noexcept { return !set_ && !memberIs_ && !memberDel_ && !memberDelAll_; }
+    // Written with no arguments it is reset: an attribute to its initial value, a collection
+    // that deletes all its members to empty (through the owner's operation).
+    bool resettable() const noexcept { return bool(set_) || bool(memberDelAll_); }
     bool deletesMembers() const noexcept { return bool(memberDel_); }
     bool deletesAllMembers() const noexcept { return bool(memberDelAll_); }
     bool callable() const noexcept { return bool(call_); }

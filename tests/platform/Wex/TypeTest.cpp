@@ -274,6 +274,9 @@ TEST_F(CollectionReflectionTest, EntriesWrittenFromTextOrValuesNotifyExactlyAsTh
         {[](Shelf& s) { s.labelDel("a"); }, [&] { return label.genericIfMemberDel(gi, key("a")); }, "''"},
         {[](Shelf& s) { s.labelIs("c", "w"); }, [&] { return label.genericIfMemberIsFromText(gi, "'c'", "'w'"); }, ""},
         {[](Shelf& s) { s.labelDelAll(); }, [&] { label.genericIfMemberDelAll(gi); return Wex::Value(); }, ""},
+        {[](Shelf& s) { s.labelIs("d", "v"); }, [&] { return label.genericIfMemberIsFromText(gi, "'d'", "'v'"); }, ""},
+        // Written with no arguments, as a container's "syncAttribute" is reset: emptied.
+        {[](Shelf& s) { s.labelDelAll(); }, [&] { label.genericIfSet(gi, {}); return Wex::Value(); }, ""},
     };
     for (Step const& step : steps) {
         step.typed(*typed);
@@ -283,10 +286,11 @@ TEST_F(CollectionReflectionTest, EntriesWrittenFromTextOrValuesNotifyExactlyAsTh
     }
     // Deleting all goes key by key in the map's order, as a watcher is there.
     std::vector<std::string> heard = typedWatcher.heard;
-    ASSERT_EQ(heard.size(), 7u);
-    std::sort(heard.begin() + 5, heard.end());
+    ASSERT_EQ(heard.size(), 9u);
+    std::sort(heard.begin() + 5, heard.begin() + 7);
     EXPECT_EQ(heard, (std::vector<std::string>{"130 a new", "130 a replaced", "130 b new", "130 a replaced", "130 c new",
-                                               "130 b replaced", "130 c replaced"}));
+                                               "130 b replaced", "130 c replaced", "130 d new", "130 d replaced"}));
+    EXPECT_TRUE(reflected->label().empty());
 }
 
 TEST_F(CollectionReflectionTest, MembersAreReadTestedAndCountedAsTheCollectionShowsThem) {
