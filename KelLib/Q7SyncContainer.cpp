@@ -147,7 +147,8 @@ void buildTypeTable(Wex::WexModule& m) {
         .collection("syncContainerHandler",
                     [](SyncContainerHandlerRegistry const& r) -> auto const& { return r.syncContainerHandler(); })
         .memberIs(&SyncContainerHandlerRegistry::syncContainerHandlerIs)
-        .memberDel(&SyncContainerHandlerRegistry::syncContainerHandlerDel);
+        .memberDel(&SyncContainerHandlerRegistry::syncContainerHandlerDel)
+        .memberDelAll(&SyncContainerHandlerRegistry::syncContainerHandlerDelAll);
 }
 Wex::WexModuleRegistrar registrar("KelLib/Q7SyncContainer", buildTypeTable);
 } // namespace

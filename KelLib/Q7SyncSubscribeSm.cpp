@@ -795,6 +795,7 @@ void buildReactorsTypeTable(Wex::WexModule& m) {
                     [](Lumo::Ptr<Q7SyncStatusSm> const& reactor) { return reactor->q7SyncStatus(); })
         .memberIs(&SubscribeSm::q7SyncStatusIs)
         .memberDel(&SubscribeSm::q7SyncStatusDel)
+        .memberDelAll(&SubscribeSm::q7SyncStatusDelAll)
         .collection("wexQ7SyncStatus", [](SubscribeSm const& sm) -> auto const& { return sm.wexQ7SyncStatus(); });
 
     // The owner is a back pointer, not counted: shown as one.

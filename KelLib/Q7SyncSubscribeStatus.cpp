@@ -45,7 +45,8 @@ void buildTypeTable(Wex::WexModule& m) {
     m.type<SubscribeStatus>("Kel::Q7Sync::SubscribeStatus")
         .collection("pathSubscribeStatus", [](SubscribeStatus const& s) -> auto const& { return s.pathSubscribeStatus(); })
         .memberIs({"pathSubscribeConfig", "syncStatus"}, &SubscribeStatus::pathSubscribeStatusIs)
-        .memberDel(&SubscribeStatus::pathSubscribeStatusDel);
+        .memberDel(&SubscribeStatus::pathSubscribeStatusDel)
+        .memberDelAll(&SubscribeStatus::pathSubscribeStatusDelAll);
     m.type<PathSubscribeStatus>("Kel::Q7Sync::PathSubscribeStatus")
         .readOnly("pathSubscribeConfig", [](PathSubscribeStatus const& e) { return e.pathSubscribeConfig(); })
         .readOnly("syncStatus", [](PathSubscribeStatus const& e) { return e.syncStatus(); });

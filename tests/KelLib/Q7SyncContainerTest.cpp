@@ -302,11 +302,16 @@ TEST_F(SyncFixture, RegistryThroughReflectionIsReadByKeyAndWrittenAsByTheTypedCa
     EXPECT_EQ(handlers.genericIfCount(gi), 1u);
     expectRefused<Wex::NullArgumentException>([&] { is(nullptr)(); }, "syncContainerHandler");
     expectRefused<Wex::RangeException>([&] { handlers.genericIfMemberIsFromText(gi, "'k'", "null"); }, "syncContainerHandler");
-    expectRefused<Wex::AttributeAccessException>([&] { handlers.genericIfMemberDelAll(gi); }, "syncContainerHandler");
     EXPECT_EQ(handlers.genericIfMemberDelFromText(gi, "'k'").object(), b.ptr());
     registry->syncContainerHandlerDel("k");
     EXPECT_EQ(reflectedWatcher.changes, typedWatcher.changes);
     EXPECT_EQ(reflectedWatcher.changes.size(), 3u);
+    registry->syncContainerHandlerIs(a);
+    is(a)();
+    registry->syncContainerHandlerDelAll();
+    handlers.genericIfMemberDelAll(gi);
+    EXPECT_EQ(reflectedWatcher.changes, typedWatcher.changes);
+    EXPECT_TRUE(twin->syncContainerHandler().empty());
 }
 
 // SyncContainerSm
