@@ -34,6 +34,7 @@ Lumo::Ptr<SyncContainer> SyncContainer::create(Lumo::Ptr<Wex::Dir> const& dir, P
     Wex::WexType const* type = config.syncContainerType();
     if (!type) throw Wex::NullArgumentException("syncContainerType");
     // createEntity returns what dir already holds under the name, whatever its type.
+    bool const made = !dir->entityPtr(config.syncContainerKey());
     Lumo::Ptr<Wex::Entity> entity = dir->createEntity(type, config.syncContainerKey());
     Lumo::Ptr<SyncContainer> container = Lumo::ptr_cast<SyncContainer>(entity);
     Wex::WexType const* heldType = entity->fwkType();
@@ -44,12 +45,17 @@ Lumo::Ptr<SyncContainer> SyncContainer::create(Lumo::Ptr<Wex::Dir> const& dir, P
     // A container that serves another subscription is left as it is, its attribute included.
     if (container->pathSubscribeConfig_ && !(config == container->pathSubscribeConfig_))
         throw Wex::ReInstantiationException("pathSubscribeConfig");
-    if (std::uint8_t(config.flags()) == kResetSyncAttributeFlags) {
-        Wex::WexAttr const* attr = type->attr("syncAttribute");
-        if (attr && attr->resettable())
-            attr->genericIfSet(type->genericIf(container), {});
+    try {
+        if (std::uint8_t(config.flags()) == kResetSyncAttributeFlags) {
+            Wex::WexAttr const* attr = type->attr("syncAttribute");
+            if (attr && attr->resettable()) attr->genericIfSet(type->genericIf(container), {});
+        }
+        container->setConfig(config);
+    } catch (...) {
+        // A container made here and refused by its own type goes again: create makes nothing then.
+        if (made) dir->deleteEntity(config.syncContainerKey());
+        throw;
     }
-    container->setConfig(config);
     return container;
 }
 

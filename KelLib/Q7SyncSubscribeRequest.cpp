@@ -236,10 +236,11 @@ Lumo::Ptr<PathSubscribeRequest> pathSubscribeRequestFactory(PathSubscribeConfig 
 PathSubscribeRequest::PathSubscribeRequest(PathSubscribeConfig const& pathSubscribeConfig)
     : pathSubscribeConfig_(pathSubscribeConfig) {}
 
+// A notifier that the notifiee's bookkeeping (or anyone) still holds must not name a request
+// that is gone.
 PathSubscribeRequest::~PathSubscribeRequest() {
     hasNotificationActiveIs(false);
-    // A notifier still held by the notifiee's bookkeeping must not name a request that is gone.
-    if (lifeTimeNotifier_) lifeTimeNotifier_->requestGoneIs({});
+    if (lifeTimeNotifier_) lifeTimeNotifier_->requestRawPtrDel({});
 }
 
 void PathSubscribeRequest::lifeTimeNotifierIs(
@@ -247,6 +248,7 @@ void PathSubscribeRequest::lifeTimeNotifierIs(
     if (lifeTimeNotifier == lifeTimeNotifier_) return;
     if (lifeTimeNotifier && lifeTimeNotifier->getDedupedObjectRawPtr() != this)
         throw Wex::NewEntityArgsException(kRequestTypeName, "lifeTimeNotifier", "names another request");
+    if (lifeTimeNotifier_) lifeTimeNotifier_->requestRawPtrDel({});
     lifeTimeNotifier_ = lifeTimeNotifier;
 }
 

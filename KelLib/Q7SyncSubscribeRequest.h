@@ -123,12 +123,13 @@ public:
     static Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier> PathSubscribeRequestLifeTimeNotifierIs(
         Lumo::Ptr<Oru::DedupHandleBase const> const& handle);
 
-    // The request, or null once it has gone.
+    // The request, or null once the request has let go of this notifier (it was untracked, or
+    // it goes): a notifier that someone still holds never names a request that is gone.
     PathSubscribeRequest* requestRawPtr() const noexcept;
     // The request's configuration, also after it has gone.
     PathSubscribeConfig const& pathSubscribeConfig() const noexcept { return pathSubscribeConfig_; }
-    // The request's destructor tells its notifier that it goes.
-    void requestGoneIs(Wex::Passkey<PathSubscribeRequest>) const noexcept { dedupedObjectGone(); }
+    // Told by the request when it lets go of this notifier.
+    void requestRawPtrDel(Wex::Passkey<PathSubscribeRequest>) const noexcept { dedupedObjectGone(); }
 
     Wex::WexType const* fwkType() const noexcept override;
 

@@ -131,7 +131,11 @@ void PathSubscribeRequestNotifiee::handleInsert(Lumo::Ptr<Oru::DedupHandleBase> 
     auto* request = Lumo::object_cast<PathSubscribeRequest>(handle.ptr());
     NOTIFIEE_INVARIANT(request != nullptr, "request is a PathSubscribeRequest", return);
     clientEvents().post([self = Lumo::Ptr<PathSubscribeRequestNotifiee const>(this),
-                         request = Lumo::Ptr<PathSubscribeRequest>(request)] { self->trackRequest(request); });
+                         request = Lumo::Ptr<PathSubscribeRequest>(request)] {
+        // Unless its table has stopped telling this notifiee meanwhile, which untracked the rest.
+        Oru::DedupHashTable const* table = request->getDedupHashTable();
+        if (table && table->lifeTimeNotifiee() == self) self->trackRequest(request);
+    });
 }
 
 void PathSubscribeRequestNotifiee::trackRequest(Lumo::Ptr<PathSubscribeRequest> const& request) const {
@@ -166,8 +170,12 @@ void PathSubscribeRequestNotifiee::handleRemove(Oru::DedupHandleBase* handle) co
     NOTIFIEE_INVARIANT(request != nullptr, "request is a PathSubscribeRequest", return);
     RequestLtn lifeTimeNotifier = request->lifeTimeNotifier();
     NOTIFIEE_INVARIANT(lifeTimeNotifier != nullptr, "lifeTimeNotifier != nullptr", return);
-    clientEvents().post([self = Lumo::Ptr<PathSubscribeRequestNotifiee const>(this),
-                         ltn = std::move(lifeTimeNotifier)] { self->untrackRequest(ltn); });
+    clientEvents().post([self = Lumo::Ptr<PathSubscribeRequestNotifiee const>(this), ltn = std::move(lifeTimeNotifier)] {
+        // Unless its table has stopped telling this notifiee meanwhile, which untracked it.
+        Lumo::Ptr<PathSubscribeRequestSetForUri> const set =
+            self->requestSetForRemoteUri_.get(ltn->pathSubscribeConfig().remoteUri());
+        if (set && set->requestHas(ltn)) self->untrackRequest(ltn);
+    });
 }
 
 void PathSubscribeRequestNotifiee::untrackRequest(RequestLtn const& requestLtn) const {
@@ -230,9 +238,10 @@ void PathSubscribeRequestNotifiee::handleRequest(RequestLtn const& requestLtn) c
     }
 }
 
+// At once, not queued: the table that stopped is going (with its module, say), and the
+// reactors that withdraw the subscriptions in force may go right after it.
 void PathSubscribeRequestNotifiee::handleNotificationStop(Lumo::Ptr<Oru::DedupHashTable const> const& table) const {
-    clientEvents().post(
-        [self = Lumo::Ptr<PathSubscribeRequestNotifiee const>(this), table] { self->untrackAll(table); });
+    clientEvents().now([&] { untrackAll(table); });
 }
 
 // The table no longer tells this notifiee of anything: a request that a reactor or handler
@@ -268,28 +277,36 @@ SyncContainerStatus::~SyncContainerStatus() { hasNotificationActiveIs(false); }
 
 void SyncContainerStatus::syncContainerIs(Lumo::Ptr<SyncContainer const> const& container) {
     if (!container) throw Wex::NullArgumentException("syncContainer");
-    Lumo::String const& key = container->pathSubscribeConfig().syncContainerKey();
-    syncContainerByKey_.try_emplace(key, "syncContainer", kSyncContainer).first->second.set(container);
-    syncContainer_.set(container);
+    clientEvents().now([&] {
+        Lumo::String const& key = container->pathSubscribeConfig().syncContainerKey();
+        syncContainerByKey_.try_emplace(key, "syncContainer", kSyncContainer).first->second.set(container);
+        syncContainer_.set(container);
+    });
 }
 
 Lumo::Ptr<SyncContainer const> SyncContainerStatus::syncContainerDel(PathSubscribeConfig const& config) {
-    if (auto it = syncContainerByKey_.find(config.syncContainerKey()); it != syncContainerByKey_.end()) {
-        it->second.del(config);
-        if (it->second.empty()) syncContainerByKey_.erase(it);
-    }
-    return syncContainer_.del(config);
+    Lumo::Ptr<SyncContainer const> removed;
+    clientEvents().now([&] {
+        if (auto it = syncContainerByKey_.find(config.syncContainerKey()); it != syncContainerByKey_.end()) {
+            it->second.del(config);
+            if (it->second.empty()) syncContainerByKey_.erase(it);
+        }
+        removed = syncContainer_.del(config);
+    });
+    return removed;
 }
 
 void SyncContainerStatus::syncContainerDelAll() {
-    if (publisher_.subscribers() == 0) {
-        syncContainerByKey_.clear();
-        syncContainer_.delAll();
-        return;
-    }
-    syncContainer_.forEachSafe([this](Lumo::Ptr<SyncContainer const> const& container) {
-        PathSubscribeConfig const config = container->pathSubscribeConfig();
-        syncContainerDel(config);
+    clientEvents().now([this] {
+        if (publisher_.subscribers() == 0) {
+            syncContainerByKey_.clear();
+            syncContainer_.delAll();
+            return;
+        }
+        syncContainer_.forEachSafe([this](Lumo::Ptr<SyncContainer const> const& container) {
+            PathSubscribeConfig const config = container->pathSubscribeConfig();
+            syncContainerDel(config);
+        });
     });
 }
 
@@ -439,7 +456,15 @@ SubscribeSm::SubscribeSm(Lumo::Ptr<EffectiveSubscribeConfig const> subscribeConf
     : subscribeConfig_(std::move(subscribeConfig)), syncContainerStatus_(std::move(syncContainerStatus)),
       subscribeStatus_(std::move(subscribeStatus)) {
     hasNotificationActiveIs(true);
-    handlePathSubscribeConfig();
+    try {
+        handlePathSubscribeConfig();
+    } catch (...) {
+        // A sync service that broke its promise (subscribe's refusal): no destructor runs for a
+        // constructor that throws, so the watchers leave here.
+        hasNotificationActiveIs(false);
+        for (auto const& sm : wexQ7SyncStatus_) sm->subscribeSmIs(nullptr);
+        throw;
+    }
 }
 
 SubscribeSm::~SubscribeSm() {

@@ -19,7 +19,8 @@
 namespace Kel::Q7Sync {
 
 // The subscriptions in force. Watchers hear of each insertion (previous value null) and each
-// removal (previous value the removed configuration) with the configuration as the key.
+// removal (previous value the removed configuration) with the configuration as the key. Each
+// change is part of the event of clientEvents() under way, or an event of its own.
 class EffectiveSubscribeConfig : public Wex::PtrInterface {
 public:
     static constexpr Wex::AttributeId kPathSubscribeConfig = 130;
@@ -29,9 +30,15 @@ public:
 
     Configs const& pathSubscribeConfig() const noexcept { return pathSubscribeConfig_; }
     bool pathSubscribeConfigHas(PathSubscribeConfig const& config) const noexcept { return pathSubscribeConfig_.has(config); }
-    void pathSubscribeConfigIs(PathSubscribeConfig const& config) { pathSubscribeConfig_.set(config); }
-    bool pathSubscribeConfigDel(PathSubscribeConfig const& config) { return pathSubscribeConfig_.del(config); }
-    void pathSubscribeConfigDelAll() { pathSubscribeConfig_.delAll(); }
+    void pathSubscribeConfigIs(PathSubscribeConfig const& config) {
+        clientEvents().now([&] { pathSubscribeConfig_.set(config); });
+    }
+    bool pathSubscribeConfigDel(PathSubscribeConfig const& config) {
+        bool deleted = false;
+        clientEvents().now([&] { deleted = pathSubscribeConfig_.del(config); });
+        return deleted;
+    }
+    void pathSubscribeConfigDelAll() { clientEvents().now([&] { pathSubscribeConfig_.delAll(); }); }
 
     Lumo::Publisher& publisher() const noexcept { return publisher_; }
     Lumo::Publisher* notifieeList() const noexcept override { return &publisher_; }
@@ -165,7 +172,9 @@ Lumo::Ptr<PathSubscribeRequestNotifiee> pathSubscribeRequestNotifieeFactory(
 
 // The recorded containers, keyed by the subscription each serves (its pathSubscribeConfig).
 // A record keeps its container alive. Watchers hear of each insertion, replacement and
-// removal (attribute kSyncContainer) with the key and the previous container.
+// removal (attribute kSyncContainer) with the key and the previous container. Each change is
+// part of the event of clientEvents() under way, or an event of its own: the handlers told of
+// it see their calls into the module wait until every watcher has heard of it.
 class SyncContainerStatus : public Wex::PtrInterface {
 public:
     static constexpr Wex::AttributeId kSyncContainer = 130;
@@ -372,7 +381,8 @@ public:
         // The handler of key changed; old is the one it had (null after an insertion).
         void on_child(Lumo::String const& key, Handler const& old);
         // Moves the reactor's subscription from registry r0 to r1 (either may be null) and
-        // replays the handlers that differ.
+        // replays every handler of r0 (to r1's handler of its key, or none), then r1's handlers
+        // of the keys r0 has none for.
         void on_self0(Lumo::Ptr<SyncContainerHandlerRegistry const> const& r0,
                       Lumo::Ptr<SyncContainerHandlerRegistry const> const& r1);
         static void on_shutdown(SyncContainerHandlerSm& reactor, SyncContainerHandlerRegistry const& registry) noexcept;

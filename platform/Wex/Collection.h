@@ -317,7 +317,13 @@ public:
         Watcher() = default;
         Watcher(Watcher const&) = delete;
         Watcher& operator=(Watcher const&) = delete;
-        ~Watcher() = default;
+        // A watcher leaves before it goes (its owner's notification goes off first); one still
+        // watching would be called through a dangling pointer later.
+        ~Watcher() {
+#ifndef NDEBUG
+            if (watched_) lifecycleFailure("collection watcher destroyed while watching", this);
+#endif
+        }
 
     private:
         friend class Collection;
@@ -336,11 +342,15 @@ public:
 
     static K const& keyOf(V const& v) noexcept { return KeyOf{}(v); }
 
-    // Joins (true) or leaves (false) `watcher` to this collection's changes. A collection made
-    // without a publisher tells nobody, and is never heard from.
+    // Joins (true) or leaves (false) `watcher` to this collection's changes. A watcher joining
+    // leaves the collection it watched before; one leaving a collection it does not watch stays
+    // as it is. A collection made without a publisher tells nobody, and is never heard from.
     void watcherIs(Watcher* watcher, bool active) const {
+        if (!publisher_) return;
+        if (active && watcher->watched_ && watcher->watched_ != this) watcher->watched_->watcherIs(watcher, false);
+        if (!active && watcher->watched_ != this) return;
         watcher->watched_ = active ? this : nullptr;
-        if (publisher_) publisher_->subscriberActiveIs(watcher, active);
+        publisher_->subscriberActiveIs(watcher, active);
     }
 
     std::size_t size() const noexcept { return members_.size(); }

@@ -69,7 +69,18 @@ void PtrInterface::zeroReferencesIs() const noexcept { delete this; }
 PtrInterface::NotifieeConst::~NotifieeConst() { notifierJoinIs(false); }
 
 void AttributeWatcher::watchIs(PtrInterface const& object, bool active) {
-    if (Lumo::Publisher* list = object.notifieeList()) list->subscriberActiveIs(this, active);
+    Lumo::Publisher* list = object.notifieeList();
+    if (!list) return;
+    if (active && watched_ && watched_ != &object) watchIs(*watched_, false);
+    if (!active && watched_ != &object) return;
+    watched_ = active ? &object : nullptr;
+    list->subscriberActiveIs(this, active);
+}
+
+AttributeWatcher::~AttributeWatcher() {
+#ifdef WEX_LIFECYCLE_CHECKS
+    if (watched_) lifecycleFailure("attribute watcher destroyed while watching", this);
+#endif
 }
 
 void PtrInterface::NotifieeConst::notifierJoinIs(bool join) {

@@ -84,8 +84,9 @@ private:
 // own (Wex::Collection::Watcher), which tells the key and the previous member with their types.
 class AttributeWatcher : private Lumo::Subscriber {
 public:
-    // Joins (true) or leaves (false) the watchers of `object`. An object that tells nobody (its
-    // notifieeList() is null) is never heard from.
+    // Joins (true) or leaves (false) the watchers of `object`, one object at a time: joining
+    // leaves the object watched before, and leaving an object not watched changes nothing. An
+    // object that tells nobody (its notifieeList() is null) is never heard from.
     void watchIs(PtrInterface const& object, bool active);
     // One attribute of the object changed; value points at the new value or the key.
     virtual void onAttribute(AttributeId attribute, void const* value) = 0;
@@ -94,10 +95,13 @@ protected:
     AttributeWatcher() = default;
     AttributeWatcher(AttributeWatcher const&) = delete;
     AttributeWatcher& operator=(AttributeWatcher const&) = delete;
-    ~AttributeWatcher() = default;
+    // A watcher leaves before it goes; one still watching would be called through a dangling
+    // pointer later.
+    ~AttributeWatcher();
 
 private:
     void onPublish(Lumo::Publisher const&, Lumo::Change const& change) final { onAttribute(change.attribute, change.key); }
+    PtrInterface const* watched_ = nullptr;
 };
 
 // A counted watcher of one object of another library, which it holds as its notifier.

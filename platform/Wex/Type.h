@@ -78,7 +78,8 @@ public:
     // collection with AttributeAccessException; a refusal changes nothing.
     void forEach(void const* object, Visitor const& visit) const;
     std::size_t count(void const* object) const;
-    // The member under key as the collection shows it, or the null value when there is none.
+    // The member under key as the collection shows it, or an empty Value when there is none
+    // (so that an absent entry is told from one holding an empty value).
     Value member(void const* object, Value const& key) const;
     bool memberHas(void const* object, Value const& key) const;
     // Writes one member through the owner's operation: the member as the only argument (or

@@ -104,7 +104,7 @@ public:
         a.count_ = [access](void const* o) { return access(*self(o)).size(); };
         a.member_ = [access, show, name, typeName = type_.name_](void const* o, Value const& key) {
             auto const* m = access(*self(o)).find(valueAs<K>(&key, typeName, name));
-            return Value::of<Shown>(m ? Shown(show(*m)) : Shown());
+            return m ? Value::of<Shown>(show(*m)) : Value();
         };
         a.memberHas_ = [access, name, typeName = type_.name_](void const* o, Value const& key) {
             return access(*self(o)).has(valueAs<K>(&key, typeName, name));

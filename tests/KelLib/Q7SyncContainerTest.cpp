@@ -154,6 +154,20 @@ TEST_F(SyncContainerTest, SyncAttributeIsWrittenFromTextWithItsWatchersTold) {
     EXPECT_EQ(watcher.changes, (std::vector<ChangeRecorder::Seen>{{StateContainer::kSyncAttribute, true}}));
 }
 
+// A container type whose "syncAttribute" refuses to be reset.
+class StubbornContainer : public SyncContainer {
+public:
+    explicit StubbornContainer(Lumo::String name) : SyncContainer(std::move(name)) {}
+    Wex::WexType const* fwkType() const noexcept override { return Wex::wexTypeOf<StubbornContainer>(); }
+};
+Wex::WexModuleRegistrar stubbornRegistrar("tests/StubbornContainer", [](Wex::WexModule& m) {
+    m.type<StubbornContainer>("Test::StubbornContainer")
+        .base<SyncContainer>()
+        .attribute("syncAttribute", [](StubbornContainer const&) { return 0u; },
+                   [](StubbornContainer&, unsigned) { throw Wex::RangeException("syncAttribute", "cannot be reset"); })
+        .entityMaker();
+});
+
 TEST_F(SyncContainerTest, CreateRefusesBadInputAndChangesNothing) {
     try {
         SyncContainer::create(nullptr, subscription("k"));
@@ -167,6 +181,10 @@ TEST_F(SyncContainerTest, CreateRefusesBadInputAndChangesNothing) {
     EXPECT_THROW(SyncContainer::create(dir, stateSubscription("plain", 0x15)), Wex::NewEntityArgsException);
     EXPECT_EQ(dir->entityPtr("k"), notAContainer);
     EXPECT_FALSE(Lumo::ptr_cast<SyncContainer>(plain)->pathSubscribeConfig());
+    // A container made for the subscription and refused by its own type does not stay behind.
+    EXPECT_THROW(SyncContainer::create(dir, subscription("new", 1, "p", Wex::wexTypeOf<StubbornContainer>(), Flags(0x15))),
+                 Wex::RangeException);
+    EXPECT_FALSE(dir->entityPtr("new"));
 }
 
 // SyncContainerStatus

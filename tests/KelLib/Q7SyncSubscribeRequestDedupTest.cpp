@@ -348,6 +348,11 @@ TEST_F(RequestDedupTest, ALifeTimeNotifierNamesItsOwnRequestOnly) {
         EXPECT_EQ(e.attribute(), "lifeTimeNotifier");
     }
     EXPECT_EQ(ra->lifeTimeNotifier()->requestRawPtr(), ra.ptr());
+    // A notifier held beyond its request's release keeps the configuration and names no request.
+    Lumo::Ptr<PathSubscribeRequestLifeTimeNotifier const> const held = rb->lifeTimeNotifier();
+    rb = nullptr;
+    EXPECT_EQ(held->requestRawPtr(), nullptr);
+    EXPECT_EQ(held->pathSubscribeConfig(), b);
     EXPECT_THROW(PathSubscribeRequestLifeTimeNotifier::PathSubscribeRequestLifeTimeNotifierIs(nullptr),
                  Wex::NullArgumentException);
     EXPECT_THROW(PathSubscribeRequestDedupTable::PathSubscribeRequestDedupTableIs(nullptr), Wex::NullArgumentException);

@@ -193,6 +193,17 @@ TEST_F(SubscribeSmTest, ANullOrAnotherStatusIsRefusedWhileTheOtherWatchersStillH
     refused("re-instantiation of 'syncStatus'");
 }
 
+TEST_F(SubscribeSmTest, AConstructionThatMeetsABrokenPromiseFailsWithNothingJoined) {
+    effective->pathSubscribeConfigIs(cfg);
+    record(cfg);
+    service().subscribeReturnsNoStatusIs(true);
+    EXPECT_THROW(makeSm(), Wex::NullArgumentException);
+    service().subscribeReturnsNoStatusIs(false);
+    EXPECT_EQ(effective->publisher().subscribers(), 0u);
+    EXPECT_EQ(status->notifieeList()->subscribers(), 0u);
+    EXPECT_FALSE(subscribeStatus->pathSubscribeStatus(cfg));
+}
+
 // Q7SyncStatusSm and SubscribeStatus
 
 TEST_F(SubscribeSmTest, StatusChangesOfASubscribedUriAreTracedAndShowInTheRecord) {
