@@ -170,6 +170,10 @@ void PathSubscribeRequestNotifiee::handleRemove(Oru::DedupHandleBase* handle) co
     NOTIFIEE_INVARIANT(request != nullptr, "request is a PathSubscribeRequest", return);
     RequestLtn lifeTimeNotifier = request->lifeTimeNotifier();
     NOTIFIEE_INVARIANT(lifeTimeNotifier != nullptr, "lifeTimeNotifier != nullptr", return);
+    if (!clientEvents().running()) {
+        clientEvents().now([&] { untrackRequest(lifeTimeNotifier); });
+        return;
+    }
     clientEvents().post([self = Lumo::Ptr<PathSubscribeRequestNotifiee const>(this), ltn = std::move(lifeTimeNotifier)] {
         // Unless its table has stopped telling this notifiee meanwhile, which untracked it.
         Lumo::Ptr<PathSubscribeRequestSetForUri> const set =

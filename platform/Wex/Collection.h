@@ -90,7 +90,7 @@ public:
     // The slot holding a member equal to k, or npos.
     static constexpr std::size_t npos = ~std::size_t(0);
     template <class Key>
-    std::size_t find(Key const& k) const noexcept {
+    [[gnu::always_inline]] std::size_t find(Key const& k) const noexcept {
         if (size_ == 0) return npos;
         std::uint64_t const m = mix(Hash{}(k));
         std::uint8_t const tag = tagOf(m);
