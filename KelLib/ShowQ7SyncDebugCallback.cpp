@@ -38,11 +38,11 @@ Lumo::Ptr<ShowQ7SyncDebugCallback> showQ7SyncDebugCallbackFactory(Lumo::Ptr<Agen
 
 Lumo::Ptr<Agent::AsynchShowCommandInstanceSm> ShowQ7SyncDebugCallback::createInstanceSm(
     Lumo::Ptr<Agent::AgentCommandCallbackParams> const& params) {
-    // The output descriptor in the text form of an entity pointer (descriptor 5 is "0x5"), as
-    // the framework's traces show what a command writes to.
+    // The output descriptor in the framework's text form of an entity pointer: hexadecimal, as
+    // an address prints (descriptor 5 is "0x5").
     int const writeFd = params ? params->writeFd() : -1;
     WEX_TRACE(traceHandle(), 1, "ShowQ7SyncDebugCallback", "writeFd={}",
-              reinterpret_cast<void const*>(static_cast<std::intptr_t>(writeFd)));
+              fmt::format("{:#x}", static_cast<std::uintptr_t>(static_cast<std::intptr_t>(writeFd))));
     return ShowQ7SyncDebugSm::ShowQ7SyncDebugSmIs(anchor(), scheduler(), params);
 }
 

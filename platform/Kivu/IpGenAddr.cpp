@@ -78,7 +78,7 @@ char* IpGenAddr::writeText(char* w) const noexcept {
     if (family_ == Family::ip4) return writeIp4(w, bytes_.data());
     if (family_ != Family::ip6) return std::copy(kAnyIp4.begin(), kAnyIp4.end(), w);
     unsigned words[8];
-    for (int i = 0; i < 8; ++i) words[i] = unsigned(bytes_[2 * i]) << 8 | bytes_[2 * i + 1];
+    for (std::size_t i = 0; i < 8; ++i) words[i] = unsigned(bytes_[2 * i]) << 8 | bytes_[2 * i + 1];
     int bestBase = -1, bestLen = 0;
     for (int i = 0; i < 8;) {
         if (words[i] != 0) {

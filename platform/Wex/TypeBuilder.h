@@ -227,9 +227,7 @@ public:
         attr_.params_ = params;
         attr_.memberIs_ = [op, names = attr_.params_, typeName = ownerName()](void* o, Args const& args) {
             args.checkOnly(typeName, names);
-            auto const values = [&]<std::size_t... I>(std::index_sequence<I...>) {
-                return P{args.get<std::tuple_element_t<I, P>>(typeName, names[I])...};
-            }(std::make_index_sequence<std::tuple_size_v<P>>{});
+            P const values = constructionValues<P>(args, typeName, names, std::make_index_sequence<std::tuple_size_v<P>>{});
             return invokeWith(op, *self(o), values);
         };
         std::string const name(attr_.name());
@@ -270,7 +268,13 @@ private:
             throw RangeException(name, why);
         };
     }
-    // Calls op with construction values, all of them converted (braced, left to right) before.
+    // The construction values named `names`, converted (braced, left to right) in their order.
+    template <class P, std::size_t... I>
+    static P constructionValues(Args const& args, std::string const& typeName, std::vector<std::string> const& names,
+                                std::index_sequence<I...>) {
+        return P{args.get<std::tuple_element_t<I, P>>(typeName, names[I])...};
+    }
+    // Calls op with construction values, all of them converted before.
     template <class F, class P>
     static Value invokeWith(F const& op, T& object, P const& values) {
         return std::apply([&](auto const&... v) { return detail::invokeToValue(op, object, v...); }, values);
