@@ -16,6 +16,9 @@ PACKAGES=(
   libabsl-dev          # scripts/bench.sh builds the reference's lean program, which uses it
   valgrind bc          # instruction counts (callgrind) in scripts/bench.sh and the reference
   libcli11-dev         # the host program's option parsing
+  libasio-dev          # the event loop: sockets, timers and the host's input (README, Libraries)
+  libprotobuf-dev protobuf-compiler  # the sync protocol's messages and framing
+  iproute2             # ss: the tests look at the connections agents hold
 )
 PACKAGES+=("$@")
 

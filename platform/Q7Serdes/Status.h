@@ -46,7 +46,7 @@ private:
     Lumo::String uri_;
     Lumo::String localUri_;
     Lumo::String peer_;
-    SyncStatusEnum status_ = SyncStatusEnum::connecting;
+    SyncStatusEnum status_ = SyncStatusEnum::notConnected;
     Lumo::String reason_;
     mutable Lumo::Publisher publisher_;
 };

@@ -1,20 +1,21 @@
-// Q7Sync: the embedded service: subscription statuses and real listening sockets.
+// Q7Sync: the embedded service: subscriptions, their peers, endpoints and published paths.
 #include "Q7Sync/Service.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <charconv>
 
-#include <cerrno>
-#include <system_error>
-
+#include <asio/post.hpp>
 #include <fmt/format.h>
+
+#include "Q7Sync/Peer.h"
+#include "Q7Sync/Server.h"
+#include "Wex/EventLoop.h"
+#include "Wex/Exception.h"
 
 namespace Q7Sync {
 
 using Q7Serdes::WexUtils::ListenStatus;
 using Q7Serdes::WexUtils::SyncStatus;
+using Q7Serdes::WexUtils::SyncStatusEnum;
 
 namespace WexUtils {
 Lumo::Ptr<SyncStatus> subscribe(Lumo::String const& remoteUri, Lumo::String const& localUri, SyncRequestFlags flags) {
@@ -32,6 +33,7 @@ Service& Service::instance() {
     return *service;
 }
 
+Service::Service() = default;
 Service::~Service() { reset(); }
 
 void Service::record(char const* operation, std::string arguments) {
@@ -54,16 +56,66 @@ Lumo::Ptr<SyncStatus> Service::subscribe(Lumo::String const& remoteUri, Lumo::St
     Lumo::Ptr<SyncStatus> status(new SyncStatus(remoteUri, localUri));
     status->hasNotificationActiveIs(true);
     subscriptions_.set(status);
+    // The connection is the loop's business: nothing is tried before it runs, and a
+    // subscription ended before then never touches the network.
+    unattached_.set(status);
+    if (!attachPosted_) {
+        attachPosted_ = true;
+        asio::post(Wex::eventLoop(), [this] { attach(); });
+    }
     return status;
+}
+
+void Service::attach() {
+    attachPosted_ = false;
+    std::vector<Lumo::Ptr<SyncStatus>> waiting(unattached_.begin(), unattached_.end());
+    unattached_.delAll();
+    for (auto const& status : waiting) {
+        // Ended meanwhile, by an earlier one's watchers say.
+        if (subscriptions_.get(status->uri()) != status) continue;
+        std::string_view const uri = status->uri().view();
+        std::string_view const peer = status->peer().view();
+        std::string_view const path = uri.substr(peer.size());
+        auto it = peers_.find(peer);
+        if (it == peers_.end()) {
+            std::size_t const colon = peer.rfind(':');
+            asio::error_code ec;
+            asio::ip::address const address = asio::ip::make_address(std::string(peer.substr(0, colon)), ec);
+            std::string_view const portText = colon == std::string_view::npos ? "" : peer.substr(colon + 1);
+            std::uint16_t port = 0;
+            auto const [end, error] = std::from_chars(portText.data(), portText.data() + portText.size(), port);
+            bool const portRead = !portText.empty() && error == std::errc() && end == portText.data() + portText.size();
+            if (ec || !portRead || path.empty()) {
+                status->reasonIs(Lumo::String(fmt::format("'{}' is not <address>:<port>/<path>", uri)));
+                status->statusIs(SyncStatusEnum::failed);
+                continue;
+            }
+            auto made = std::make_shared<Peer>(Wex::eventLoop(), std::string(peer),
+                                               asio::ip::tcp::endpoint(address, port));
+            it = peers_.emplace(std::string(peer), std::move(made)).first;
+        }
+        // Kept alive here: the status watchers it tells may end its last subscription.
+        std::shared_ptr<Peer> const held = it->second;
+        held->subscriptionIs(status, std::string(path));
+    }
 }
 
 void Service::unsubscribe(Lumo::String const& remoteUri) {
     if (callLog_) record("unsubscribe", remoteUri.str());
-    subscriptions_.del(remoteUri);
+    Lumo::Ptr<SyncStatus> const status = subscriptions_.del(remoteUri);
+    if (!status) return;
+    unattached_.del(remoteUri);
+    auto it = peers_.find(status->peer().view());
+    if (it == peers_.end()) return;
+    std::shared_ptr<Peer> const peer = it->second;
+    peer->subscriptionDel(remoteUri);
+    if (peer->empty()) {
+        peer->stop();
+        peers_.erase(it);
+    }
 }
 
-bool Service::syncStatusIs(std::string_view remoteUri, Q7Serdes::WexUtils::SyncStatusEnum status,
-                           Lumo::String const& reason) {
+bool Service::syncStatusIs(std::string_view remoteUri, SyncStatusEnum status, Lumo::String const& reason) {
     Lumo::Ptr<SyncStatus> s = syncStatus(remoteUri);
     if (!s) return false;
     // The reason first: watchers of the status read it when the status changes.
@@ -88,76 +140,64 @@ std::string Service::endpointKey(std::string const& hostAddr, std::uint16_t port
 
 Lumo::Ptr<ListenStatus> Service::listen(std::string const& hostAddr, std::uint16_t port) {
     if (callLog_) record("listen", fmt::format("{}, {}", hostAddr, port));
-    std::string const key = endpointKey(hostAddr, port);
-    if (auto old = endpoints_.find(key); old != endpoints_.end()) {
-        if (old->second.fd >= 0) ::close(old->second.fd);
-        endpoints_.erase(old);
-    }
-    sockaddr_storage addr{};
-    socklen_t len = 0;
-    auto* v4 = reinterpret_cast<sockaddr_in*>(&addr);
-    auto* v6 = reinterpret_cast<sockaddr_in6*>(&addr);
-    Endpoint ep;
-    std::string reason;
-    if (inet_pton(AF_INET, hostAddr.c_str(), &v4->sin_addr) == 1) {
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(port);
-        len = sizeof *v4;
-    } else if (inet_pton(AF_INET6, hostAddr.c_str(), &v6->sin6_addr) == 1) {
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(port);
-        len = sizeof *v6;
-    } else {
-        reason = fmt::format("'{}' is not an IPv4 or IPv6 address", hostAddr);
-    }
-    if (len) {
-        ep.fd = ::socket(addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        int one = 1;
-        if (ep.fd < 0 || ::setsockopt(ep.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-            ::bind(ep.fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(ep.fd, 16) != 0) {
-            reason = std::generic_category().message(errno);  // strerror is not thread-safe
-            if (ep.fd >= 0) ::close(ep.fd);
-            ep.fd = -1;
-        }
-    }
-    ep.status = Lumo::Ptr<ListenStatus>(new ListenStatus(ep.fd >= 0, Lumo::String(reason)));
-    ep.status->hasNotificationActiveIs(true);
-    Lumo::Ptr<ListenStatus> status = ep.status;
-    endpoints_.emplace(key, std::move(ep));
+    std::string key = endpointKey(hostAddr, port);
+    endpoints_.erase(key);
+    auto endpoint = std::make_shared<Endpoint>(Wex::eventLoop(), hostAddr, port,
+                                               [this](std::string const& path) -> Publication* {
+                                                   auto it = publications_.find(path);
+                                                   return it == publications_.end() ? nullptr : it->second.get();
+                                               });
+    endpoint->start();
+    Lumo::Ptr<ListenStatus> status = endpoint->status();
+    endpoints_.emplace(std::move(key), std::move(endpoint));
     if (listenReturnsNoStatus_) return nullptr;
     return status;
 }
 
 void Service::close(std::string const& hostAddr, std::uint16_t port) {
     if (callLog_) record("close", fmt::format("{}, {}", hostAddr, port));
-    auto it = endpoints_.find(endpointKey(hostAddr, port));
-    if (it == endpoints_.end()) return;
-    if (it->second.fd >= 0) ::close(it->second.fd);
-    endpoints_.erase(it);
+    endpoints_.erase(endpointKey(hostAddr, port));
 }
 
 bool Service::listeningIs(std::string const& hostAddr, std::uint16_t port, bool listening, Lumo::String const& reason) {
     auto it = endpoints_.find(endpointKey(hostAddr, port));
     if (it == endpoints_.end()) return false;
-    it->second.status->reasonIs(reason);
-    it->second.status->listeningIs(listening);
+    it->second->status()->reasonIs(reason);
+    it->second->status()->listeningIs(listening);
     return true;
 }
 
 std::uint16_t Service::boundPort(std::string const& hostAddr, std::uint16_t port) const {
     auto it = endpoints_.find(endpointKey(hostAddr, port));
-    if (it == endpoints_.end() || it->second.fd < 0) return 0;
-    sockaddr_storage addr{};
-    socklen_t len = sizeof addr;
-    if (::getsockname(it->second.fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) return 0;
-    if (addr.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
-    return ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port);
+    return it == endpoints_.end() ? 0 : it->second->boundPort();
+}
+
+void Service::publish(std::string_view path) {
+    if (publications_.count(path)) return;
+    Wex::AttributeAt at = Wex::attributeAt(path);
+    if (!at) throw Wex::RangeException("path", fmt::format("nothing to publish at {}", path));
+    if (!at.attr->readable()) throw Wex::RangeException("path", fmt::format("{} cannot be read", path));
+    std::string key(path);
+    auto publication = std::make_unique<Publication>(key, std::move(at));
+    publications_.emplace(std::move(key), std::move(publication));
+}
+
+void Service::unpublish(std::string_view path) {
+    if (auto it = publications_.find(path); it != publications_.end()) publications_.erase(it);
+}
+
+std::vector<std::string> Service::publishedPaths() const {
+    std::vector<std::string> out;
+    for (auto const& [path, publication] : publications_) out.push_back(path);
+    return out;
 }
 
 void Service::reset() {
-    for (auto& [key, ep] : endpoints_)
-        if (ep.fd >= 0) ::close(ep.fd);
     endpoints_.clear();
+    publications_.clear();
+    for (auto& [key, peer] : peers_) peer->stop();
+    peers_.clear();
+    unattached_.delAll();
     subscriptions_.delAll();
     calls_.clear();
     listenReturnsNoStatus_ = false;

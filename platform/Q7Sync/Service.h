@@ -3,9 +3,10 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "Lumo/Ptr.h"
@@ -26,9 +27,18 @@ Lumo::Ptr<Q7Serdes::WexUtils::ListenStatus> listen(std::string const& hostAddr, 
 void close(std::string const& hostAddr, std::uint16_t port);
 } // namespace WexUtils
 
-// The service as it runs inside this process: subscriptions by remote URI, and real TCP
-// listening sockets. Its owner (a test, the host program) can record the calls made to it,
-// change a status as a remote peer would, and make listen or subscribe answer with no status.
+class Endpoint;
+class Peer;
+class Publication;
+
+// The service as it runs inside this process, on the framework's event loop (Wex::eventLoop).
+//  - Serving: each listening endpoint accepts peers and serves them the paths published here,
+//    and nothing else.
+//  - Subscribing: a remote URI "<address>:<port>/<path>" is mirrored into the attribute that
+//    its local URI names. Subscriptions to one remote agent share one connection, made from
+//    the loop and closed with the agent's last subscription.
+// Its owner (a test, the host program) can also record the calls made to it, change a status
+// as a remote peer would, and make listen or subscribe answer with no status.
 class Service {
 public:
     struct Call {
@@ -45,6 +55,14 @@ public:
     Lumo::Ptr<Q7Serdes::WexUtils::ListenStatus> listen(std::string const& hostAddr, std::uint16_t port);
     void close(std::string const& hostAddr, std::uint16_t port);
 
+    // Serves the attribute at `path` ("/dir/.../entity/attribute") to the peers that subscribe
+    // it: a snapshot, then each change. Refused with Wex::RangeException (naming "path") when
+    // nothing is there. Publishing a path again changes nothing.
+    void publish(std::string_view path);
+    // Stops serving `path`; its subscribers are told it is refused from now on.
+    void unpublish(std::string_view path);
+    std::vector<std::string> publishedPaths() const;
+
     // The owner's controls.
     void callLogIs(bool on, std::size_t capacity = 4096);
     std::vector<Call> calls() const { return {calls_.begin(), calls_.end()}; }
@@ -52,35 +70,46 @@ public:
     void listenReturnsNoStatusIs(bool none) { listenReturnsNoStatus_ = none; }
     // Subscribe then answers null and keeps no subscription: a broken promise, for its callers to refuse.
     void subscribeReturnsNoStatusIs(bool none) { subscribeReturnsNoStatus_ = none; }
-    // A remote peer's change of a subscription's status; false when remoteUri is not subscribed.
+    // A change of a subscription's status as a remote peer would cause it; false when
+    // remoteUri is not subscribed.
     bool syncStatusIs(std::string_view remoteUri, Q7Serdes::WexUtils::SyncStatusEnum status, Lumo::String const& reason);
-    // A change of an endpoint's listening state; false when no such endpoint is open.
+
+    // A change of an endpoint's listening state as the system would cause it; false when no
+    // such endpoint is open.
     bool listeningIs(std::string const& hostAddr, std::uint16_t port, bool listening, Lumo::String const& reason);
 
     Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus> syncStatus(std::string_view remoteUri) const;
     std::size_t subscriptions() const noexcept { return subscriptions_.size(); }
     std::vector<std::string> subscribedUris() const;
+    // Remote agents with subscriptions, each with its one connection (made or being made).
+    std::size_t peers() const noexcept { return peers_.size(); }
     std::size_t endpoints() const noexcept { return endpoints_.size(); }
     // The port the operating system bound (useful after listening on port 0), or 0.
     std::uint16_t boundPort(std::string const& hostAddr, std::uint16_t port) const;
-    // Closes every endpoint and forgets every subscription (for a fresh start in tests).
+    // Closes every endpoint and connection and forgets every subscription and publication
+    // (for a fresh start in tests).
     void reset();
 
 private:
-    struct Endpoint {
-        int fd = -1;
-        Lumo::Ptr<Q7Serdes::WexUtils::ListenStatus> status;
-    };
-    Service() = default;
+    Service();
     ~Service();
     void record(char const* operation, std::string arguments);
+    // Hands the subscriptions made since the loop last ran to their peers.
+    void attach();
     static std::string endpointKey(std::string const& hostAddr, std::uint16_t port);
 
     // The statuses keyed by their own uri: one open-addressing table, no node per subscription.
     Wex::Collection<Lumo::String, Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus>,
                     Wex::MemberKey<&Q7Serdes::WexUtils::SyncStatus::uri>>
         subscriptions_{"subscriptions", 0};
-    std::unordered_map<std::string, Endpoint> endpoints_;
+    Wex::Collection<Lumo::String, Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus>,
+                    Wex::MemberKey<&Q7Serdes::WexUtils::SyncStatus::uri>>
+        unattached_{"unattached", 0};
+    bool attachPosted_ = false;
+    // Remote agents by "<address>:<port>".
+    std::map<std::string, std::shared_ptr<Peer>, std::less<>> peers_;
+    std::map<std::string, std::shared_ptr<Endpoint>, std::less<>> endpoints_;
+    std::map<std::string, std::unique_ptr<Publication>, std::less<>> publications_;
     std::deque<Call> calls_;
     bool callLog_ = false;
     std::size_t callCapacity_ = 4096;

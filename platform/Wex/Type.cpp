@@ -102,6 +102,29 @@ void WexAttr::memberDelAll(void* object) const {
     memberDelAll_(object);
 }
 
+namespace {
+// A plain attribute's watch: its object tells no key, so any change is told without one.
+class PlainWatch final : public WexAttr::Watch, private AttributeWatcher {
+public:
+    PlainWatch(PtrInterface const& object, WexAttr::ChangeHandler onChange)
+        : object_(object), onChange_(std::move(onChange)) {
+        watchIs(object_, true);
+    }
+    ~PlainWatch() override { watchIs(object_, false); }
+
+private:
+    void onAttribute(AttributeId, void const*) override { onChange_(Value()); }
+    PtrInterface const& object_;
+    WexAttr::ChangeHandler onChange_;
+};
+} // namespace
+
+std::unique_ptr<WexAttr::Watch> WexAttr::watch(PtrInterface const& object, ChangeHandler onChange) const {
+    if (watch_) return watch_(&object, std::move(onChange));
+    if (kind_ != AttrKind::attribute || !get_) throw AttributeAccessException(owner_->name(), name_, "cannot be watched");
+    return std::make_unique<PlainWatch>(object, std::move(onChange));
+}
+
 // A collection that allows no write at all says so, whichever write was refused.
 void WexAttr::refuse(std::string_view detail) const {
     throw AttributeAccessException(owner_->name(), name_, readOnly() ? "is read-only" : detail);

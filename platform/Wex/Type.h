@@ -112,6 +112,18 @@ public:
     }
     void genericIfMemberDelAll(GenericIf const& gi) const { memberDelAll(gi.object); }
 
+    // Watching through the table, for code that knows the attribute by name only (the sync
+    // service serving a path). `onChange` hears the key of each member written or deleted; a
+    // plain attribute tells no key, so it hears an empty Value after any change of its object
+    // and reads the attribute again. Watching stops when the returned watch goes; the object
+    // must outlive it.
+    using ChangeHandler = std::function<void(Value const& key)>;
+    class Watch {
+    public:
+        virtual ~Watch() = default;
+    };
+    std::unique_ptr<Watch> watch(PtrInterface const& object, ChangeHandler onChange) const;
+
 private:
     template <class T> friend class TypeBuilder;
     template <class T, class C, class Show> friend class CollectionBuilder;
@@ -135,6 +147,7 @@ private:
     MemberTextWriter memberIsFromText_;
     Deleter memberDel_;
     Clearer memberDelAll_;
+    std::function<std::unique_ptr<Watch>(void const*, ChangeHandler)> watch_;
 };
 
 class WexType {

@@ -48,6 +48,22 @@ struct ShowMember {
     template <class K, class V>
     V const& operator()(Entry<K, V> const& e) const noexcept { return e.value; }
 };
+// The watch of a collection: its typed watcher, telling the key as a Value.
+template <class C>
+class CollectionWatch final : public WexAttr::Watch, private C::Watcher {
+public:
+    CollectionWatch(C const& collection, WexAttr::ChangeHandler onChange)
+        : collection_(collection), onChange_(std::move(onChange)) {
+        collection_.watcherIs(this, true);
+    }
+    ~CollectionWatch() override { collection_.watcherIs(this, false); }
+
+private:
+    void onMember(C const&, typename C::Key const& key, typename C::Member const*) override { onChange_(Value::of(key)); }
+    C const& collection_;
+    WexAttr::ChangeHandler onChange_;
+};
+
 template <class Show, class M> using Shown = std::decay_t<std::invoke_result_t<Show const&, M const&>>;
 } // namespace detail
 
@@ -110,6 +126,9 @@ public:
             return access(*self(o)).has(valueAs<K>(&key, typeName, name));
         };
         a.keyFromText_ = [name](std::string_view text) { return Value::of(valueFromText<K>(text, name)); };
+        a.watch_ = [access](void const* o, WexAttr::ChangeHandler onChange) -> std::unique_ptr<WexAttr::Watch> {
+            return std::make_unique<detail::CollectionWatch<C>>(access(*self(o)), std::move(onChange));
+        };
         return CollectionBuilder<T, C, Show>(*this, a);
     }
 

@@ -537,7 +537,7 @@ std::string Sequence::check() const {
         auto const serviceStatus = service().syncStatus(c.remoteUri().view());
         if (!entry || entry->syncStatus() != serviceStatus) return "no status record for " + brief(c);
         auto const expected = syncStatus_.find(c.remoteUri().str());
-        SyncStatusEnum const want = expected != syncStatus_.end() ? expected->second : SyncStatusEnum::connecting;
+        SyncStatusEnum const want = expected != syncStatus_.end() ? expected->second : SyncStatusEnum::notConnected;
         if (entry->syncStatus()->status() != want)
             return fmt::format("status of {} is {}, expected {}", c.remoteUri(), entry->syncStatus()->status(), want);
     }
