@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds the module and the host program (RelWithDebInfo, in build/) and runs
-# the host on the example script. Extra arguments are passed to the host.
+# Builds the module and the host program (RelWithDebInfo, in build/) and runs three agents
+# on loopback that mirror one another (scripts/demo-agents.sh). With arguments, runs one
+# agent with them instead (a script of commands, say: host/example.q7).
 set -euo pipefail
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -26,4 +27,7 @@ if [[ ! -x "$AGENT" ]]; then
   fi
   exit 1
 fi
-exec "$AGENT" host/example.q7 "$@"
+if (($#)); then
+  exec "$AGENT" "$@"
+fi
+exec bash "$ROOT/scripts/demo-agents.sh" "$AGENT"
