@@ -15,13 +15,14 @@ using Q7Serdes::WexUtils::SyncStatus;
 using Q7Serdes::WexUtils::SyncStatusEnum;
 
 Peer::Peer(asio::io_context& loop, std::string key, asio::ip::tcp::endpoint remote)
-    : key_(std::move(key)), remote_(remote), timer_(loop), socket_(loop) {}
+    : key_(std::move(key)), remote_(remote), timer_(loop), askAgain_(loop), socket_(loop) {}
 
 Peer::~Peer() { stop(); }
 
 void Peer::stop() {
     stopped_ = true;
     timer_.cancel();
+    askAgain_.cancel();
     asio::error_code ignored;
     socket_.close(ignored);
     if (channel_) channel_->close();
@@ -100,6 +101,7 @@ void Peer::connected() {
     connecting_ = false;
     timer_.cancel();
     backoff_.reset();
+    askAgainBackoff_.reset();
     channel_ = std::make_shared<Channel>(std::move(socket_));
     socket_ = asio::ip::tcp::socket(timer_.get_executor());
     channel_->start([this](q7serdes::Frame const& frame) { onFrame(frame); },
@@ -117,7 +119,30 @@ void Peer::request(std::uint32_t id, Stream& stream) {
     frame.mutable_subscribe()->set_stream(id);
     frame.mutable_subscribe()->set_path(stream.path);
     channel_->send(frame);
-    statusIs(stream.status, SyncStatusEnum::syncing, "connected: the snapshot is arriving");
+    // Asked again after a failure, the status stays failed until the snapshot is complete.
+    if (stream.status->status() != SyncStatusEnum::failed)
+        statusIs(stream.status, SyncStatusEnum::syncing, "connected: the snapshot is arriving");
+}
+
+void Peer::failedIs(std::uint32_t id, std::string const& why) {
+    // The path may be published later, or the container made: failed streams are asked for
+    // again, with a backoff of their own, for as long as they are subscribed.
+    if (!askAgainPending_) {
+        askAgainPending_ = true;
+        askAgainWait_ = askAgainBackoff_.next();
+        askAgain_.expires_after(askAgainWait_);
+        askAgain_.async_wait([weak = weak_from_this()](asio::error_code ec) {
+            auto self = weak.lock();
+            if (!self || ec) return;
+            self->askAgainPending_ = false;
+            for (std::uint32_t id : self->ids())
+                if (Stream* stream = self->streamOf(id); stream && stream->failed && self->channel_) self->request(id, *stream);
+        });
+    }
+    Stream* stream = streamOf(id);
+    stream->failed = true;
+    statusIs(stream->status, SyncStatusEnum::failed,
+             fmt::format("{}; next ask in {:.1f} s", why, double(askAgainWait_.count()) / 1000.0));
 }
 
 void Peer::lost(std::string const& why) {
@@ -155,17 +180,18 @@ void Peer::onFrame(q7serdes::Frame const& frame) {
     Stream* stream = streamOf(id);
     if (!stream || stream->failed) return;
     if (frame.body_case() == q7serdes::Frame::kRefused) {
-        stream->failed = true;
-        statusIs(stream->status, SyncStatusEnum::failed, fmt::format("refused by {}: {}", key_, frame.refused().reason()));
+        failedIs(id, fmt::format("refused by {}: {}", key_, frame.refused().reason()));
         return;
     }
     try {
         apply(id, frame);
     } catch (std::exception const& e) {
-        if ((stream = streamOf(id))) {
-            stream->failed = true;
-            statusIs(stream->status, SyncStatusEnum::failed, fmt::format("data from {} not applied: {}", key_, e.what()));
-        }
+        if (!streamOf(id)) return;
+        // The publisher stops streaming it until it is asked for again.
+        q7serdes::Frame unsubscribe;
+        unsubscribe.mutable_unsubscribe()->set_stream(id);
+        if (channel_) channel_->send(unsubscribe);
+        failedIs(id, fmt::format("data from {} not applied: {}", key_, e.what()));
     }
 }
 

@@ -29,7 +29,8 @@ class Channel;
 //   connecting    trying, or lost: the reason has the system's answer and when the next try is
 //   syncing       connected: the snapshot is arriving
 //   inSync        the snapshot is complete (entries it did not name are deleted); changes stream
-//   failed        the remote refused the path, or its data could not be applied: the reason says why
+//   failed        the remote refused the path, or its data could not be applied: the reason says
+//                 why, and when the path is asked for again (it may be published later)
 class Peer : public std::enable_shared_from_this<Peer> {
 public:
     static constexpr std::chrono::seconds kConnectTimeout{5};
@@ -61,6 +62,7 @@ private:
     void connected();
     void lost(std::string const& why);
     void request(std::uint32_t id, Stream& stream);
+    void failedIs(std::uint32_t id, std::string const& why);
     void onFrame(q7serdes::Frame const& frame);
     void apply(std::uint32_t id, q7serdes::Frame const& frame);
     static void statusIs(Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus> status, Q7Serdes::WexUtils::SyncStatusEnum to,
@@ -72,6 +74,10 @@ private:
     std::string key_;
     asio::ip::tcp::endpoint remote_;
     asio::steady_timer timer_;
+    asio::steady_timer askAgain_;
+    Backoff askAgainBackoff_;
+    Backoff::Duration askAgainWait_{0};
+    bool askAgainPending_ = false;
     asio::ip::tcp::socket socket_;
     std::shared_ptr<Channel> channel_;
     Backoff backoff_;

@@ -191,6 +191,20 @@ TEST_F(SyncService, SubscriptionsToOneAgentShareOneConnectionThatGoesWithTheLast
     EXPECT_EQ(service.peers(), 0u);
 }
 
+TEST_F(SyncService, WhatFailedIsAskedForAgainAndMirroredOnceItCanBe) {
+    published->entryIs(Lumo::String("eth0"), Lumo::String("up"));
+    auto const status = subscribe(uri("/pub/state/entries"), "/mirror/later/entries");
+    ASSERT_TRUE(reaches(status, SyncStatusEnum::failed));
+    EXPECT_NE(status->reason().view().find("next ask in"), std::string_view::npos) << status->reason();
+    // Published, but with nowhere to write: the publisher is told to stop while it fails.
+    service.publish("/pub/state/entries");
+    ASSERT_TRUE(Wex::runUntil([&] { return status->reason().view().find("not applied") != std::string_view::npos; }, 5s))
+        << status->reason();
+    auto const later = table("/mirror/later");
+    ASSERT_TRUE(reaches(status, SyncStatusEnum::inSync)) << status->reason();
+    EXPECT_EQ(contents(*later), contents(*published));
+}
+
 TEST_F(SyncService, UnpublishingRefusesThePathToItsSubscribers) {
     service.publish("/pub/state/entries");
     auto const status = subscribe(uri("/pub/state/entries"));
