@@ -1,4 +1,4 @@
-// StateContainer: the write counter and the type table.
+// StateContainer: its type table, through which the sync service writes the mirrored entries.
 #include "host/StateContainer.h"
 
 #include <utility>
@@ -11,23 +11,16 @@ StateContainer::StateContainer(Lumo::String name) : Kel::Q7Sync::SyncContainer(s
 
 StateContainer::~StateContainer() { hasNotificationActiveIs(false); }
 
-void StateContainer::syncAttributeIs(Lumo::String const& value) {
-    ++syncAttributeWrites_;
-    if (value == syncAttribute_) return;
-    Lumo::String const previous = std::exchange(syncAttribute_, value);
-    publisher().publishChangeRecursive(kSyncAttribute, &syncAttribute_, &previous);
-}
-
 Wex::WexType const* StateContainer::fwkType() const noexcept { return Wex::wexTypeOf<StateContainer>(); }
 
 namespace {
 Wex::WexModuleRegistrar registrar("host/StateContainer", [](Wex::WexModule& m) {
     m.type<StateContainer>("Q7Agent::StateContainer")
         .base<Kel::Q7Sync::SyncContainer>()
-        .attribute(
-            "syncAttribute", [](StateContainer const& c) { return c.syncAttribute(); },
-            [](StateContainer& c, Lumo::String const& value) { c.syncAttributeIs(value); })
-        .readOnly("syncAttributeWrites", [](StateContainer const& c) { return c.syncAttributeWrites(); })
+        .collection("syncAttribute", [](StateContainer const& c) -> auto const& { return c.syncAttribute(); })
+        .memberIs({"key", "value"}, &StateContainer::syncAttributeIs)
+        .memberDel(&StateContainer::syncAttributeDel)
+        .memberDelAll(&StateContainer::syncAttributeDelAll)
         .entityMaker();
 });
 } // namespace

@@ -104,20 +104,20 @@ TEST_F(SyncContainerTest, SetConfigConfiguresOnceAndRefusesAnotherConfig) {
     EXPECT_EQ(watcher.changes.size(), 1u);
 }
 
+// A container holding a stale entry: only flags 0x15 empty it, and before its configuration is told.
 TEST_F(SyncContainerTest, Flags0x15ResetSyncAttributeThroughReflectionBeforeConfiguring) {
-    auto held = Lumo::ptr_cast<StateContainer>(dir->createEntity("Q7Agent::StateContainer", "k"));
-    held->syncAttributeIs("stale");
-    std::uint32_t writesWhenConfigured = 0;
-    ChangeRecorder watcher(held);
-    watcher.onChange = [&](Lumo::Change const&) { writesWhenConfigured = held->syncAttributeWrites(); };
-    SyncContainer::create(dir, stateSubscription("k", 0x15));
-    EXPECT_EQ(held->syncAttribute(), "");
-    EXPECT_EQ(writesWhenConfigured, 2u);
-
-    for (std::uint8_t flags : {0x01, 0x17, 0x14}) {
-        auto c = Lumo::ptr_cast<StateContainer>(SyncContainer::create(dir, stateSubscription("other", flags)));
-        EXPECT_EQ(c->syncAttributeWrites(), 0u) << "flags " << int(flags);
-        dir->deleteEntity("other");
+    for (std::uint8_t flags : {0x15, 0x01, 0x17, 0x14}) {
+        auto held = Lumo::ptr_cast<StateContainer>(dir->createEntity("Q7Agent::StateContainer", "k"));
+        held->syncAttributeIs("eth0", "stale");
+        ChangeRecorder watcher(held);
+        SyncContainer::create(dir, stateSubscription("k", flags));
+        bool const reset = flags == 0x15;
+        EXPECT_EQ(held->syncAttribute().size(), reset ? 0u : 1u) << "flags " << int(flags);
+        std::vector<ChangeRecorder::Seen> expected;
+        if (reset) expected.push_back({StateContainer::kSyncAttribute, true});
+        expected.push_back({SyncContainer::kPathSubscribeConfig, true});
+        EXPECT_EQ(watcher.changes, expected) << "flags " << int(flags);
+        dir->deleteEntity("k");
     }
 }
 
@@ -131,27 +131,30 @@ TEST_F(SyncContainerTest, Flags0x15OnPlainSyncContainerStillCreatesAndConfigures
 TEST_F(SyncContainerTest, ASecondSubscriptionNamingTheContainerLeavesTheFirstsStateAndConfig) {
     PathSubscribeConfig const first = stateSubscription("k", 0x15);
     auto c = Lumo::ptr_cast<StateContainer>(SyncContainer::create(dir, first));
-    c->syncAttributeIs("mirrored");
+    c->syncAttributeIs("eth0", "mirrored");
     ChangeRecorder watcher(c);
     expectReinstantiationRefused([&] { SyncContainer::create(dir, stateSubscription("k", 0x15, "other/path")); });
     EXPECT_EQ(c->pathSubscribeConfig(), first);
-    EXPECT_EQ(c->syncAttribute(), "mirrored");
+    EXPECT_EQ(c->syncAttribute().get("eth0").value, "mirrored");
     EXPECT_TRUE(watcher.changes.empty());
 }
 
-// The sync service writes a peer's content into the attribute the local URI names, from text.
-TEST_F(SyncContainerTest, SyncAttributeIsWrittenFromTextWithItsWatchersTold) {
+// The sync service writes a peer's entries into the attribute the local URI names, by key, from text.
+TEST_F(SyncContainerTest, SyncAttributeIsWrittenByKeyFromTextWithItsWatchersTold) {
     auto c = Lumo::ptr_cast<StateContainer>(SyncContainer::create(dir, stateSubscription("k", 0x02)));
     Wex::WexType const* type = c->fwkType();
     Wex::WexAttr const& state = type->attrOrThrow(c->syncAttributeName().view());
     Wex::GenericIf const gi = type->genericIf(c);
     ChangeRecorder watcher(c);
-    state.genericIfSetFromText(gi, "'remote \\x41 state'");
-    EXPECT_EQ(c->syncAttribute(), "remote A state");
-    EXPECT_THROW(state.genericIfSetFromText(gi, "'unterminated"), Wex::RangeException);
-    EXPECT_THROW(state.genericIfSetFromText(gi, "'one' 'two'"), Wex::RangeException);
-    EXPECT_EQ(c->syncAttribute(), "remote A state");
-    EXPECT_EQ(watcher.changes, (std::vector<ChangeRecorder::Seen>{{StateContainer::kSyncAttribute, true}}));
+    state.genericIfMemberIsFromText(gi, "'eth0'", "'remote \\x41 state'");
+    EXPECT_EQ(c->syncAttribute().get("eth0").value, "remote A state");
+    EXPECT_THROW(state.genericIfMemberIsFromText(gi, "'eth1'", "'unterminated"), Wex::RangeException);
+    EXPECT_THROW(state.genericIfMemberIsFromText(gi, "eth1", "'up'"), Wex::RangeException);
+    EXPECT_EQ(c->syncAttribute().size(), 1u);
+    EXPECT_EQ(state.genericIfMemberDelFromText(gi, "'eth0'").text(), "'remote A state'");
+    EXPECT_TRUE(c->syncAttribute().empty());
+    EXPECT_EQ(watcher.changes, (std::vector<ChangeRecorder::Seen>{{StateContainer::kSyncAttribute, false},
+                                                                  {StateContainer::kSyncAttribute, true}}));
 }
 
 // A container type whose "syncAttribute" refuses to be reset.
