@@ -1,8 +1,10 @@
-// A container handler that prints what it is given, for the host's users to watch.
+// A container handler that prints what it is given, and each change of it, for the host's
+// users to watch.
 #pragma once
 
 #include <cstdio>
-#include <set>
+#include <map>
+#include <memory>
 #include <string>
 
 #include "KelLib/Q7SyncContainer.h"
@@ -15,12 +17,17 @@ public:
 
     void containerIs(Lumo::Ptr<Kel::Q7Sync::SyncContainer const> const& container) const override;
     void containerDel(Kel::Q7Sync::PathSubscribeConfig const& pathSubscribeConfig) const override;
-    // The local URIs of the containers it holds now.
-    std::set<std::string> const& held() const noexcept { return held_; }
+
+protected:
+    ~PrintingHandler() override;
 
 private:
+    class EntryPrinter;
+
     std::FILE* out_;
-    mutable std::set<std::string> held_;
+    // The containers it holds, by local URI, with the watch of their entries (none for a
+    // container type that keeps no entries).
+    mutable std::map<std::string, std::unique_ptr<EntryPrinter>> held_;
 };
 
 } // namespace Q7Agent
