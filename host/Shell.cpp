@@ -43,23 +43,4 @@ bool Shell::execute(std::string_view line) {
     return !host_.quitting();
 }
 
-int Shell::run(std::istream& in, bool interactive) {
-    std::FILE* out = host_.out();
-    std::string line;
-    for (;;) {
-        if (interactive) {
-            fmt::print(out, "q7agent> ");
-            std::fflush(out);
-        }
-        if (!std::getline(in, line)) break;
-        // A script's commands are shown before their output; its comments and echoes are not.
-        auto const first = line.find_first_not_of(" \t\r");
-        if (!interactive && first != std::string::npos && line[first] != '#' &&
-            line.compare(first, line.find_first_of(" \t\r", first) - first, "echo") != 0)
-            fmt::print(out, "> {}\n", line);
-        if (!execute(line)) break;
-    }
-    return failures_;
-}
-
 } // namespace Q7Agent

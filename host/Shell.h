@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdio>
-#include <istream>
 #include <string_view>
 
 #include "Host.h"
@@ -16,9 +15,8 @@ public:
     // Runs one command line. Returns false when it asks to quit. Bad commands print one line
     // "error: ..." with the command's usage and change nothing; nothing here throws.
     bool execute(std::string_view line);
-    // Runs every line of `in` until it ends or a line quits; with a prompt when interactive.
-    // Returns the number of lines that failed.
-    int run(std::istream& in, bool interactive);
+    // The lines that failed so far.
+    int failures() const noexcept { return failures_; }
 
     Host const& host() const noexcept { return host_; }
 

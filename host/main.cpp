@@ -1,4 +1,5 @@
-// q7agent: an agent daemon with the module loaded, driven by commands from a script or a terminal.
+// q7agent: an agent daemon with the module loaded, driven by commands from a script, a pipe or a
+// terminal, serving its peers between them.
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "Input.h"
 #include "Shell.h"
 #include "Wex/Trace.h"
 
@@ -36,13 +38,24 @@ int main(int argc, char** argv) try {
         }
     }
 
-    Q7Agent::Shell shell(stdout);
     int failures = 0;
-    if (!script.empty()) {
-        std::ifstream in(script);
-        failures = shell.run(in, false);
-    } else {
-        failures = shell.run(std::cin, ::isatty(STDIN_FILENO) != 0);
+    {
+        // The host goes before the summary: what it lets go of is printed as it goes.
+        Q7Agent::Shell shell(stdout);
+        Q7Agent::Input input(shell);
+        if (!script.empty()) {
+            std::ifstream in(script);
+            if (!in) {
+                fmt::print(stderr, "q7agent: cannot read {}\n", script);
+                return 2;
+            }
+            input.streamRun(in);
+        } else if (Q7Agent::Input::waitsForWriter(STDIN_FILENO)) {
+            input.descriptorRun(STDIN_FILENO);
+        } else {
+            input.streamRun(std::cin);
+        }
+        failures = shell.failures();
     }
     if (failures) fmt::print(stdout, "q7agent: {} command(s) failed\n", failures);
     return strict && failures ? 1 : 0;
