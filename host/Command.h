@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -33,6 +34,13 @@ protected:
     virtual void bind(CLI::App& app);
     // An IPv4 or IPv6 address, or a usage error naming the argument.
     static Kivu::IpGenAddr address(std::string const& text);
+};
+
+// Thrown by a command that has already said why it failed (a wait that timed out): the line
+// counts as failed, and nothing more is printed.
+class Failed : public std::runtime_error {
+public:
+    Failed() : std::runtime_error("failed") {}
 };
 
 // What the registry knows of a command.

@@ -32,6 +32,8 @@ bool Shell::execute(std::string_view line) {
         auto command = entry.make();
         command->parse(app, text.substr(name.size()));
         command->run(host_);
+    } catch (Failed const&) {
+        ++failures_;
     } catch (std::exception const& e) {
         fmt::print(out, "error: {}; usage: {}\n", e.what(), entry.usage);
         ++failures_;
