@@ -1,5 +1,6 @@
 // The agent host: its command interpreter driven end to end by scripts, its handling of
-// malformed commands, and the q7agent program run on the example script.
+// malformed commands, state mirrored through its own event loop, and the q7agent program run
+// on the example script and on a pipe.
 #include "Shell.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
@@ -20,12 +22,17 @@
 #include "KelLib/Q7SyncModule.h"
 #include "Oru/DumpContext.h"
 #include "Q7Sync/Service.h"
+#include "Wex/Path.h"
 #include "Wex/Trace.h"
+#include "host/AgentState.h"
+#include "host/StateContainer.h"
 #include "support/SyncTestSupport.h"
 #include "support/TempFile.h"
 
 namespace Kel::Q7Sync::Test {
 namespace {
+
+using Q7Serdes::WexUtils::SyncStatusEnum;
 
 std::vector<std::string> linesOf(std::string const& text) {
     std::vector<std::string> lines;
@@ -36,8 +43,25 @@ std::vector<std::string> linesOf(std::string const& text) {
 
 bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
 
+// The entries of a keyed collection as "key=value ..." (in no particular order).
+template <class Entries>
+std::string entriesOf(Entries const& entries) {
+    std::vector<std::string> out;
+    for (auto const& e : entries) out.push_back(fmt::format("{}={}", e.key, e.value));
+    std::sort(out.begin(), out.end());
+    return fmt::format("{}", fmt::join(out, " "));
+}
+
+// The agent state the tests publish at /sys/state, as "interfaces | routes | hostname".
+std::string agentStateOf() {
+    auto const state = Lumo::ptr_cast<Q7Agent::AgentState>(Wex::attributeAt("/sys/state/hostname").entity);
+    if (!state) return "none";
+    return fmt::format("{} | {} | {}", entriesOf(state->interfaces()), entriesOf(state->routes()), state->hostname());
+}
+
 // Everything of the module a command could change, as its dump shows it, with what the host
-// holds and what the sync service has.
+// holds, what the sync service has, what the directory tree holds at its top and the agent
+// state published.
 std::string stateOf(Q7Agent::Shell const& shell) {
     std::FILE* f = std::tmpfile();
     if (!f) throw std::runtime_error("no temporary file");
@@ -47,9 +71,13 @@ std::string stateOf(Q7Agent::Shell const& shell) {
         Oru::Impl::doObjDumpChildPtrGeneric(Module::get(), Wex::typeNode("Kel::Q7Sync::Module"), ctx, 0);
         ctx->flush();
     }
-    std::string out = fmt::format("requests held: {}\nsubscribed: {}\nendpoints: {}\n", shell.host().requests(),
-                                  fmt::join(::Q7Sync::Service::instance().subscribedUris(), " "),
-                                  ::Q7Sync::Service::instance().endpoints());
+    std::vector<std::string> top;
+    for (auto const& e : Wex::System::globalDir()->entity()) top.push_back(e->name().str());
+    std::sort(top.begin(), top.end());
+    ::Q7Sync::Service const& service = ::Q7Sync::Service::instance();
+    std::string out = fmt::format("requests held: {}\nsubscribed: {}\nendpoints: {}\npublished: {}\ntop: {}\nstate: {}\n",
+                                  shell.host().requests(), fmt::join(service.subscribedUris(), " "), service.endpoints(),
+                                  fmt::join(service.publishedPaths(), " "), fmt::join(top, " "), agentStateOf());
     std::rewind(f);
     char chunk[4096];
     for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) out.append(chunk, n);
@@ -58,10 +86,11 @@ std::string stateOf(Q7Agent::Shell const& shell) {
 }
 
 // The shared module is built before the first fixture counts live objects. Each test's host
-// goes with the test, and takes what it registered with it.
+// goes with the test, and takes what it registered with it; the state it published goes too.
 class HostTest : public SyncFixture {
 protected:
     static void SetUpTestSuite() { Module::get(); }
+    ~HostTest() override { Wex::System::globalDir()->deleteEntity("sys"); }
 
     // Runs one line and returns what it printed.
     std::string run(std::string const& line) {
@@ -109,10 +138,14 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
 
     std::vector<std::string> traced;
     Wex::TraceHandle::sinkIs([&](std::string_view line) { traced.emplace_back(line); });
+    // The loop never runs here: the remote agents are told nothing, the statuses change as
+    // their reports would change them.
     EXPECT_EQ(run("trace KelQ7SyncSubscribeSm 1"), "  KelQ7SyncSubscribeSm levels 1 on\n");
-    EXPECT_EQ(run("status 10.20.0.1:6042/sys/state/interfaces inSync initial-sync-done"), "");
+    service().syncStatusIs("10.20.0.1:6042/sys/state/interfaces", SyncStatusEnum::inSync, "initial-sync-done");
     EXPECT_EQ(run("trace KelQ7SyncSubscribeSm 1 --off"), "  KelQ7SyncSubscribeSm levels 1 off\n");
-    EXPECT_EQ(run("status 10.20.0.1:6042/sys/state/interfaces syncing"), "");
+    service().syncStatusIs("10.20.0.1:6042/sys/state/interfaces", SyncStatusEnum::syncing, "");
+    EXPECT_EQ(run("statuses"), "  10.20.0.1:6042/sys/state/interfaces syncing\n"
+                               "  fd00::14:6042/sys/state/interfaces notConnected\n  (2 subscriptions)\n");
     Wex::TraceHandle::sinkIs(
         [](std::string_view line) { std::fprintf(stderr, "%.*s\n", int(line.size()), line.data()); });
     EXPECT_EQ(traced, std::vector<std::string>{
@@ -128,7 +161,7 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
     EXPECT_TRUE(has(text, "\nsubscribeStatus: ")) << text;
     EXPECT_TRUE(has(text, "status: syncing")) << text;
 
-    EXPECT_EQ(run("listening 127.0.0.1 0 false gone"), "");
+    service().listeningIs("127.0.0.1", 0, false, "gone");
     EXPECT_FALSE(m.listenStatus()->listenConfigStatus()->q7ListenStatus()->listening());
 
     EXPECT_EQ(run("release 1"), "  released request 1\n  handler 'ifaces': container withdrawn from "
@@ -145,8 +178,10 @@ TEST_F(HostTest, EveryCommandDoesWhatItSays) {
 
     text = run("help");
     for (char const* usage : {"listen ADDRESS PORT | listen off", "subscribe ADDRESS PORT PATH KEY", "release ID",
-                              "handler add|del KEY", "status REMOTE_URI STATUS", "listening ADDRESS PORT",
-                              "trace HANDLE LEVEL", "memtrail [LEVEL]", "show COMMAND", "echo TEXT", "help", "quit"})
+                              "handler add|del KEY", "publish PATH [--type TYPE]", "unpublish PATH",
+                              "set PATH KEY VALUE | set PATH VALUE", "delete PATH KEY", "get PATH", "statuses",
+                              "wait status URI STATUS", "trace HANDLE LEVEL", "memtrail [LEVEL]", "show COMMAND",
+                              "echo TEXT", "help", "quit"})
         EXPECT_TRUE(has(text, "  " + std::string(usage))) << usage;
     // A command file that takes a name already taken is refused; the first command stays.
     EXPECT_THROW(Q7Agent::commandIs("quit", {"quit", "", nullptr}), std::logic_error);
@@ -188,13 +223,20 @@ TEST_F(HostTest, AMalformedCommandPrintsOneErrorWithItsUsageAndChangesNothing) {
            "subscribe 127.0.0.1 6042 /sys/state/routes routes\n"
            "subscribe 127.0.0.1 6042 /sys/state/routes routes-reliable --flags RELIABLE\n"
            "subscribe 127.0.0.2 6042 /sys/state/interfaces ifaces\n"
-           "handler add ifaces\n");
+           "handler add ifaces\n"
+           "publish /sys/state/interfaces\n"
+           "set /sys/state/interfaces eth0 up\n"
+           "set /sys/state/hostname agent-a\n");
     ASSERT_EQ(shell.host().requests(), 3u);
+    ASSERT_EQ(agentStateOf(), "eth0=up |  | agent-a");
     struct Bad {
         char const* line;
         char const* usage;
     };
     constexpr char kSubscribe[] = "subscribe ADDRESS PORT PATH KEY [--type TYPE] [--flags FLAGS]";
+    constexpr char kPublish[] = "publish PATH [--type TYPE]", kSet[] = "set PATH KEY VALUE | set PATH VALUE",
+                   kDelete[] = "delete PATH KEY", kGet[] = "get PATH";
+    constexpr char kWait[] = "wait status URI STATUS | entry PATH KEY [VALUE] | absent PATH KEY [--timeout S] | seconds S";
     Bad const bad[] = {
         {"frobnicate", "help"},
         {"listen", "listen ADDRESS PORT | listen off"},
@@ -222,6 +264,39 @@ TEST_F(HostTest, AMalformedCommandPrintsOneErrorWithItsUsageAndChangesNothing) {
         {"handler add", "handler add|del KEY"},
         {"handler remove ifaces", "handler add|del KEY"},
         {"handler add ifaces routes", "handler add|del KEY"},
+        {"publish", kPublish},
+        {"publish sys/state/routes", kPublish},
+        {"publish /sys/state/bogus", kPublish},
+        {"publish /other/state/interfaces --type No::Such", kPublish},
+        {"publish /other/state/interfaces --type Wex::Dir", kPublish},
+        {"publish /sys/state/interfaces/deeper", kPublish},
+        {"unpublish /sys/state/routes", "unpublish PATH"},
+        {"set /sys/state/interfaces eth1", kSet},
+        {"set /sys/state/hostname agent b", kSet},
+        {"set /sys/state/interfaces eth1 up extra", kSet},
+        {"set /sys/state/nothing eth1 up", kSet},
+        {"set /sys/elsewhere/interfaces eth1 up", kSet},
+        {"set /sys/state/interfaces \"'eth1\" up", kSet},
+        {"set /q7/remote/127.0.0.2:6042/ifaces/pathSubscribeConfig x", kSet},
+        {"set /q7/remote/127.0.0.2:6042/ifaces/setConfig x", kSet},
+        {"delete /sys/state/interfaces eth9", kDelete},
+        {"delete /sys/state/hostname agent-a", kDelete},
+        {"delete /sys/state/interfaces", kDelete},
+        {"get", kGet},
+        {"get /sys/state", kGet},
+        {"get /sys/state/nothing", kGet},
+        {"statuses now", "statuses"},
+        {"wait", kWait},
+        {"wait later 1", kWait},
+        {"wait status 127.0.0.2:6042/sys/state/interfaces happy", kWait},
+        {"wait status 127.0.0.2:6042/sys/state/interfaces", kWait},
+        {"wait entry /sys/state/hostname eth0", kWait},
+        {"wait entry sys/state/interfaces eth0", kWait},
+        {"wait absent /sys/state/interfaces eth0 up", kWait},
+        {"wait absent /sys/state/interfaces eth0 --timeout 0", kWait},
+        {"wait seconds 0", kWait},
+        {"wait seconds soon", kWait},
+        {"wait seconds 1 --timeout 2", kWait},
         {"trace KelQ7SyncSubscribeSm 10", "trace HANDLE LEVEL... [--off]"},
         {"trace KelQ7SyncSubscribeSm", "trace HANDLE LEVEL... [--off]"},
         {"trace KelQ7SyncSubscribeSm one", "trace HANDLE LEVEL... [--off]"},
@@ -248,7 +323,65 @@ TEST_F(HostTest, AMalformedCommandPrintsOneErrorWithItsUsageAndChangesNothing) {
     EXPECT_EQ(Module::get()->syncContainerStatus()->syncContainer().size(), 1u);
     EXPECT_EQ(run("release 2"), "  released request 2\n");
     EXPECT_EQ(Module::get()->syncContainerStatus()->syncContainer().size(), 2u);
+    EXPECT_EQ(agentStateOf(), "eth0=up |  | agent-a");
     run("listen off");
+}
+
+// Published state written and read by path, keys and values given plainly or in the
+// framework's text form.
+TEST_F(HostTest, StateIsPublishedWrittenAndReadByPath) {
+    struct Step {
+        char const* line;
+        char const* printed;
+    };
+    Step const steps[] = {
+        {"publish /sys/state/interfaces", "  published /sys/state/interfaces\n"},
+        {"publish /sys/state/interfaces", "  published /sys/state/interfaces\n"},
+        {"set /sys/state/interfaces eth1 down", "  set /sys/state/interfaces 'eth1' = 'down'\n"},
+        {"set /sys/state/interfaces eth0 'up and running'", "  set /sys/state/interfaces 'eth0' = 'up and running'\n"},
+        {"set /sys/state/hostname \"'agent-a'\"", "  set /sys/state/hostname = 'agent-a'\n"},
+        {"get /sys/state/interfaces", "    'eth0' = 'up and running'\n    'eth1' = 'down'\n  (2 entries)\n"},
+        {"get /sys/state/hostname", "    'agent-a'\n  (a plain attribute)\n"},
+        {"delete /sys/state/interfaces \"'eth1'\"", "  deleted /sys/state/interfaces 'eth1'\n"},
+        {"get /sys/state/routes", "  (0 entries)\n"},
+        {"unpublish /sys/state/interfaces", "  unpublished /sys/state/interfaces\n"},
+        {"statuses", "  (0 subscriptions)\n"},
+    };
+    for (Step const& step : steps) EXPECT_EQ(run(step.line), step.printed) << step.line;
+    EXPECT_EQ(shell.failures(), 0);
+    EXPECT_EQ(agentStateOf(), "eth0=up and running |  | agent-a");
+    EXPECT_TRUE(service().publishedPaths().empty());
+}
+
+// The whole loop in one process: this agent publishes, listens on loopback and subscribes its
+// own path through the module; the container mirrors each change, and the handler prints it.
+TEST_F(HostTest, ASubscriptionOfThisAgentsOwnPathMirrorsItThroughTheLoop) {
+    script("publish /sys/state/interfaces\n"
+           "set /sys/state/interfaces eth0 up\n"
+           "listen 127.0.0.1 0\n"
+           "handler add ifaces\n");
+    std::uint16_t const port = service().boundPort("127.0.0.1", 0);
+    ASSERT_NE(port, 0);
+    std::string const uri = fmt::format("127.0.0.1:{}/sys/state/interfaces", port);
+    std::string const local = fmt::format("/q7/remote/127.0.0.1:{}/ifaces/syncAttribute", port);
+    std::string const handled = fmt::format("  handler 'ifaces': {} ", uri);
+    run(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces ifaces", port));
+    EXPECT_EQ(run("wait status " + uri + " inSync"),
+              handled + "'eth0' = 'up'\n  wait: " + uri + " is inSync (snapshot of 1 entry complete)\n");
+    run("set /sys/state/interfaces eth1 down");
+    EXPECT_EQ(run("wait entry " + local + " eth1 down"), handled + "'eth1' = 'down'\n  wait: " + local + " has 'eth1' = 'down'\n");
+    run("delete /sys/state/interfaces eth0");
+    EXPECT_EQ(run("wait absent " + local + " eth0"), handled + "'eth0' deleted\n  wait: " + local + " has no 'eth0'\n");
+    auto const container = Lumo::ptr_cast<Q7Agent::StateContainer>(Wex::attributeAt(local).entity);
+    ASSERT_TRUE(container);
+    EXPECT_EQ(entriesOf(container->syncAttribute()), "eth1=down");
+    EXPECT_EQ(run("statuses"), "  " + uri + " inSync (snapshot of 1 entry complete)\n  (1 subscription)\n");
+    // A condition that does not come fails the line, which says what held instead.
+    EXPECT_EQ(shell.failures(), 0);
+    EXPECT_EQ(run("wait entry " + local + " eth1 up --timeout 0.1"),
+              "  wait: timed out after 0.1 s: " + local + " has 'eth1' = 'down'\n");
+    EXPECT_EQ(shell.failures(), 1);
+    run("listen off");  // the module keeps its endpoint's status until then
 }
 
 TEST_F(HostTest, AHostThatGoesTakesItsHandlersAndRequestsWithIt) {
@@ -276,9 +409,11 @@ TEST_F(HostTest, AHostThatGoesTakesItsHandlersAndRequestsWithIt) {
     registry->syncContainerHandlerDel("theirs");
 }
 
-// The q7agent program on the example script, as a user runs it.
-std::string runProgram(std::string const& arguments, int* status) {
-    std::string const command = fmt::format("'{}' {} 2>&1", Q7_AGENT_PROGRAM, arguments);
+// The q7agent program as a user runs it: on a script, or reading `input` from a pipe (text
+// without single quotes).
+std::string runProgram(std::string const& arguments, int* status, std::string const& input = "") {
+    std::string const pipe = input.empty() ? "" : fmt::format("printf '{}' | ", input);
+    std::string const command = fmt::format("{}'{}' {} 2>&1", pipe, Q7_AGENT_PROGRAM, arguments);
     std::FILE* p = ::popen(command.c_str(), "r");
     if (!p) throw std::runtime_error("cannot run " + command);
     std::string out;
@@ -291,43 +426,48 @@ std::string runProgram(std::string const& arguments, int* status) {
 
 TEST(HostProgramTest, TheExampleScriptRunsItsWholeMission) {
     int status = -1;
-    std::string const text = runProgram(fmt::format("'{}/host/example.q7'", Q7_SOURCE_DIR), &status);
+    std::string const text = runProgram(fmt::format("--strict '{}/host/example.q7'", Q7_SOURCE_DIR), &status);
     EXPECT_EQ(status, 0) << text;
     EXPECT_FALSE(has(text, "error:")) << text;
-    EXPECT_FALSE(has(text, "failed")) << text;
+    EXPECT_FALSE(has(text, "timed out")) << text;
 
-    // The handler registered after its containers exist is handed both.
+    // The handler registered after its container exists is handed it; the conflicting pair is
+    // held back until one of them goes.
     std::size_t const ifaces = text.find("> handler add ifaces\n");
-    std::size_t const routes = text.find("> handler add routes\n");
-    std::size_t const release4 = text.find("> release 4\n");
-    ASSERT_TRUE(ifaces < routes && routes < release4) << text;
-    std::string const handed = text.substr(ifaces, routes - ifaces);
-    for (char const* agent : {"10.20.0.1:6042", "fd00:0:0:14::1:6042"})
-        EXPECT_TRUE(has(handed, fmt::format("handler 'ifaces': container ifaces of Q7Agent::StateContainer at "
-                                            "/q7/remote/{}/ifaces/syncAttribute\n",
-                                            agent)))
-            << agent;
-    // The conflicting pair is held back until one of them goes.
-    EXPECT_FALSE(has(text.substr(0, release4), "handler 'routes': container")) << text;
-    EXPECT_TRUE(has(text.substr(release4), "  released request 4\n  handler 'routes': container routes of "
-                                           "Q7Agent::StateContainer at "
-                                           "/q7/remote/10.20.0.1:6042/routes/syncAttribute\n"));
-    EXPECT_TRUE(has(text, "  trace KelQ7SyncSubscribeSm[1] Q7SyncStatusSm::handleSyncStatus: Q7SyncStatus for "
-                          "10.20.0.1:6042/sys/state/interfaces changed to inSync with reason initial-sync-done\n"));
+    std::size_t const release3 = text.find("> release 3\n");
+    ASSERT_TRUE(ifaces < release3) << text;
+    EXPECT_TRUE(has(text.substr(ifaces, release3 - ifaces),
+                    "  handler 'ifaces': container ifaces of Q7Agent::StateContainer at "
+                    "/q7/remote/127.0.0.1:47001/ifaces/syncAttribute\n"))
+        << text;
+    EXPECT_FALSE(has(text.substr(0, release3), "handler 'routes': container")) << text;
+    EXPECT_TRUE(has(text.substr(release3), "  released request 3\n"
+                                           "  trace KelQ7SyncSubscribeSm[1] SyncContainerSm::addContainer: localUri "
+                                           "/q7/remote/127.0.0.1:47001/routes/syncAttribute\n"
+                                           "  handler 'routes': container routes of Q7Agent::StateContainer at "
+                                           "/q7/remote/127.0.0.1:47001/routes/syncAttribute\n"))
+        << text;
+    // The peer's report is traced, and changes of the published state reach the handlers.
+    for (char const* line : {"Q7SyncStatus for 127.0.0.1:47001/sys/state/routes changed to inSync with reason "
+                             "snapshot of 1 entry complete\n",
+                             "  handler 'ifaces': 127.0.0.1:47001/sys/state/interfaces 'eth1' = 'up'\n",
+                             "  handler 'routes': 127.0.0.1:47001/sys/state/routes 'default' deleted\n"})
+        EXPECT_TRUE(has(text, line)) << line;
 
     std::size_t const first = text.find("\nKel::Q7Sync::Module 0x");
     std::size_t const second = text.find("\nKel::Q7Sync::Module 0x", first + 1);
     ASSERT_NE(second, std::string::npos) << text;
     std::string const before = text.substr(first, text.find("\n== ", first) - first);
     std::string const after = text.substr(second);
-    EXPECT_TRUE(has(before, "      name: 'remote'\n      entity: 2\n")) << before;
-    EXPECT_TRUE(has(before, "status: inSync")) << before;
+    EXPECT_TRUE(has(before, "      name: 'remote'\n      entity: 1\n")) << before;
+    EXPECT_TRUE(has(before, "  pathSubscribeConfig: 2\n")) << before;
+    EXPECT_TRUE(has(before, "                'eth1' -> 'up'\n")) << before;
+    EXPECT_FALSE(has(before, "status: connecting")) << before;
     EXPECT_TRUE(has(after, "      name: 'remote'\n      entity: 0\n")) << after;
     EXPECT_TRUE(has(after, "  pathSubscribeConfig: 0\n")) << after;
     EXPECT_TRUE(has(after, "    listenConfigStatus: null\n")) << after;
-    for (char const* released : {"withdrawn from /q7/remote/10.20.0.1:6042/ifaces/syncAttribute",
-                                 "withdrawn from /q7/remote/10.20.0.1:6042/routes/syncAttribute",
-                                 "withdrawn from /q7/remote/fd00:0:0:14::1:6042/ifaces/syncAttribute"})
+    for (char const* released : {"withdrawn from /q7/remote/127.0.0.1:47001/ifaces/syncAttribute",
+                                 "withdrawn from /q7/remote/127.0.0.1:47001/routes/syncAttribute"})
         EXPECT_TRUE(has(text.substr(first, second - first), released)) << released;
     EXPECT_TRUE(text.ends_with("> quit\n")) << text;
 }
@@ -353,6 +493,13 @@ TEST(HostProgramTest, StrictModeAndBadOptionsEndWithAFailingStatus) {
     EXPECT_EQ(status, 1) << text;
     EXPECT_TRUE(has(text, "error: id: no request 5; usage: release ID\n")) << text;
     EXPECT_TRUE(has(text, "q7agent: 1 command(s) failed\n")) << text;
+
+    // A pipe is read through the loop to its end, a last line without its newline included.
+    text = runProgram("--strict", &status, "release 5\\nstatuses");
+    EXPECT_EQ(status, 1) << text;
+    EXPECT_EQ(linesOf(text), (std::vector<std::string>{"> release 5", "error: id: no request 5; usage: release ID",
+                                                       "> statuses", "  (0 subscriptions)",
+                                                       "q7agent: 1 command(s) failed"}));
 }
 
 } // namespace
