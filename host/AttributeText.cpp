@@ -11,7 +11,7 @@
 namespace Q7Agent {
 
 std::string stringText(std::string const& text, char const* argument) {
-    if (text.starts_with('\'')) return Wex::valueToStrep(Wex::valueFromText<std::string>(text, argument));
+    if (text.starts_with('\'')) return Wex::valueToStrep(Wex::valueFromText<Lumo::String>(text, argument));
     return Wex::valueToStrep(text);
 }
 

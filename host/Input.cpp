@@ -35,7 +35,8 @@ void readLine(std::shared_ptr<Reading> const& reading) {
         // At the end, a last line without its newline still counts.
         if (ec) n = ec == asio::error::eof ? reading->buffer.size() : 0;
         if (n > 0) {
-            std::string text(asio::buffers_begin(reading->buffer.data()), asio::buffers_begin(reading->buffer.data()) + n);
+            // A streambuf's input is one contiguous buffer.
+            std::string text(static_cast<char const*>(reading->buffer.data().data()), n);
             reading->buffer.consume(n);
             if (text.ends_with('\n')) text.pop_back();
             reading->line = std::move(text);
