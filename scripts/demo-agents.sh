@@ -37,16 +37,18 @@ say() {  # NAME COMMAND...
   shift
   mark="--- step $((++STEPS)) done"
   printf '%s\n' "$@" "echo $mark" >&"${FD[$name]}"
+  # echo prints its text after an empty line, as "== TEXT": neither is shown.
+  mark="== $mark"
   for ((i = 0; i < 600; i++)); do
-    grep -qxF "$mark" "$ROOT/$name.out" && break
+    grep -qxF -e "$mark" "$ROOT/$name.out" && break
     kill -0 "${PID[$name]}" 2>/dev/null || { echo "demo: agent $name ended"; cat "$ROOT/$name.out"; exit 1; }
     sleep 0.05
   done
-  grep -qxF "$mark" "$ROOT/$name.out" || { echo "demo: agent $name did not answer"; exit 1; }
+  grep -qxF -e "$mark" "$ROOT/$name.out" || { echo "demo: agent $name did not answer"; exit 1; }
   local lines
   lines=$(wc -l <"$ROOT/$name.out")
   tail -n +"$((SHOWN[$name] + 1))" "$ROOT/$name.out" | head -n "$((lines - SHOWN[$name]))" |
-    grep -vxF "$mark" | sed "s/^/[$name ${ADDR[$name]}] /"
+    grep -vxF -e "$mark" -e "" | sed "s/^/[$name ${ADDR[$name]}] /"
   SHOWN[$name]=$lines
 }
 
