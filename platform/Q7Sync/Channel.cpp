@@ -28,7 +28,7 @@ void Channel::send(q7serdes::Frame const& frame) {
     if (writing_.empty()) write();
 }
 
-void Channel::close() {
+void Channel::close() noexcept {
     // The handlers stay: close() may come from inside one of them.
     closed_ = true;
     asio::error_code ignored;

@@ -29,7 +29,7 @@ public:
     void start(FrameHandler onFrame, CloseHandler onClosed);
     void send(q7serdes::Frame const& frame);
     // Closes the socket; nothing more is told to either handler.
-    void close();
+    void close() noexcept;
 
     bool open() const noexcept { return !closed_; }
     // Bytes queued for the peer and not yet written.

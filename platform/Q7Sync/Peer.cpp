@@ -15,14 +15,18 @@ using Q7Serdes::WexUtils::SyncStatus;
 using Q7Serdes::WexUtils::SyncStatusEnum;
 
 Peer::Peer(asio::io_context& loop, std::string key, asio::ip::tcp::endpoint remote)
-    : key_(std::move(key)), remote_(remote), timer_(loop), askAgain_(loop), socket_(loop) {}
+    : key_(std::move(key)), remote_(std::move(remote)), timer_(loop), askAgain_(loop), socket_(loop) {}
 
 Peer::~Peer() { stop(); }
 
-void Peer::stop() {
+void Peer::stop() noexcept {
     stopped_ = true;
-    timer_.cancel();
-    askAgain_.cancel();
+    try {
+        timer_.cancel();
+        askAgain_.cancel();
+    } catch (std::exception const&) {
+        // Cancelling a timer fails only when the system cannot; the peer is stopped all the same.
+    }
     asio::error_code ignored;
     socket_.close(ignored);
     if (channel_) channel_->close();
@@ -157,9 +161,10 @@ void Peer::lost(std::string const& why) {
     if (!stopped_) schedule(wait);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a copy, as the caller's may go meanwhile
 void Peer::statusIs(Lumo::Ptr<SyncStatus> const held, SyncStatusEnum status, std::string const& reason) {
     // The reason first: watchers of the status read it when the status changes. They may end
-    // the subscription, and with it the stream: the caller holds the status meanwhile.
+    // the subscription, and with it the stream that held the status the caller passed.
     held->reasonIs(Lumo::String(reason));
     held->statusIs(status);
 }

@@ -46,7 +46,7 @@ public:
     bool empty() const noexcept { return streams_.empty(); }
     bool connected() const noexcept { return channel_ != nullptr; }
     // Closes the connection and stops trying.
-    void stop();
+    void stop() noexcept;
 
 private:
     struct Stream {
@@ -65,7 +65,7 @@ private:
     void failedIs(std::uint32_t id, std::string const& why);
     void onFrame(q7serdes::Frame const& frame);
     void apply(std::uint32_t id, q7serdes::Frame const& frame);
-    static void statusIs(Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus> status, Q7Serdes::WexUtils::SyncStatusEnum to,
+    static void statusIs(Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus> const held, Q7Serdes::WexUtils::SyncStatusEnum status,
                          std::string const& reason);
     Stream* streamOf(std::uint32_t id);
     // The streams' ids as they are now: watchers told of a status may end any of them.

@@ -11,7 +11,7 @@ namespace Q7Sync {
 
 namespace {
 // Snapshot frames are cut at about this size, so that a large state does not make one frame.
-constexpr std::size_t kSnapshotFrameBytes = 256 * 1024;
+constexpr std::size_t kSnapshotFrameBytes = std::size_t{256} << 10;
 
 void refuse(Channel& channel, std::uint32_t stream, std::string const& reason) {
     q7serdes::Frame frame;
