@@ -135,7 +135,7 @@ if ((${#THREAD_TEST_SOURCES[@]} == 0)); then
 else
   configure build-tsan clang++ \
     -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="$SAN_DEBUG_FLAGS" \
-    -DQ7_SANITIZE=thread -DQ7_TESTS=ON -DQ7_THREAD_TESTS_ONLY=ON -DQ7_FUZZ=OFF
+    -DQ7_SANITIZE=thread -DQ7_TESTS=ON -DQ7_THREAD_TESTS_ONLY=ON -DQ7_FUZZ=OFF -DQ7_HOST=OFF
   build build-tsan
   # ThreadSanitizer of clang 14 cannot map its shadow memory on kernels with
   # high-entropy address randomisation; running without it avoids that.
@@ -155,7 +155,7 @@ if [[ ! -f "$ROOT/fuzz/CMakeLists.txt" ]]; then
 else
   configure build-fuzz clang++ \
     -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="$SAN_DEBUG_FLAGS" \
-    -DQ7_SANITIZE=address,undefined -DQ7_FUZZ=ON -DQ7_TESTS=OFF
+    -DQ7_SANITIZE=address,undefined -DQ7_FUZZ=ON -DQ7_TESTS=OFF -DQ7_HOST=OFF
   build build-fuzz
   mapfile -t targets < <(find "$ROOT/build-fuzz" -path '*/CMakeFiles' -prune -o \
     -type f -name 'fuzz_*' -perm -u+x -print | sort)
