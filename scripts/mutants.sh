@@ -311,7 +311,11 @@ def sites_of(path):
             if semi is None:
                 continue
             expr = m[ret.end():semi].strip()
-            if expr in ('', '{}', 'nullptr', '*this'):
+            if expr in ('', '*this'):
+                continue
+            # Already the value {} makes: the mutant would be the same program.
+            if re.fullmatch(r'\{\}|nullptr|std::nullopt|0[uUlL]*|[\w:<>, ]+\{\}', expr) or \
+                    line[ret.end():semi].strip() == '""':
                 continue
             new = {'true': 'false', 'false': 'true'}.get(expr, '{}')
             # A one-line function that returns a reference would return a dangling one.
@@ -431,6 +435,20 @@ def main():
     if args.model_sequences is not None:
         os.environ['Q7_MODEL_SEQUENCES'] = str(args.model_sequences)
 
+    lock = None
+    if args.list:
+        if os.path.exists(PENDING):
+            note('warning: a file is still mutated by an interrupted run; a run puts it back')
+    else:
+        os.makedirs(LOGS, exist_ok=True)
+        lock = open(os.path.join(BUILD, 'mutant-lock'), 'w')
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            note('error: another run of scripts/mutants.sh uses build-mutants/')
+            return 2
+        restore_pending()
+
     files = source_files(args.only)
     if not files:
         parser.error(f'no .cpp or .h file under {args.only}')
@@ -449,22 +467,10 @@ def main():
             print(describe(site, lines[site[0]]))
         return 0
 
-    os.makedirs(LOGS, exist_ok=True)
-    lock = open(os.path.join(BUILD, 'mutant-lock'), 'w')
-    try:
-        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-    except BlockingIOError:
-        note('error: another run of scripts/mutants.sh uses build-mutants/')
-        return 2
     for name in os.listdir(LOGS):
         os.remove(os.path.join(LOGS, name))
     for sig in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(sig, on_signal)
-    restore_pending()
-    # Read again: a restored file has its text back.
-    for path in files:
-        with open(os.path.join(ROOT, path), 'rb') as f:
-            texts[path] = f.read()
     before = tree_state()
 
     killed, survived, broken, timings = [], [], [], []
