@@ -401,9 +401,10 @@ def restore_pending():
 def failed_test(log):
     with open(log, errors='replace') as f:
         text = f.read()
-    m = re.search(r'Test\s+#\d+: (\S+) \.*\s*\*+\s*(\w+)', text)
+    # e.g. "Test  #54: Suite.Name ......Subprocess aborted***Exception:   0.87 sec"
+    m = re.search(r'Test\s+#\d+: (\S+) \.*([^.*\n]*)\*\*\*(\w+)', text)
     if m:
-        return f'{m.group(1)} ({m.group(2).lower()})'
+        return f'{m.group(1)} ({(m.group(2).strip() or m.group(3)).lower()})'
     return 'ctest failed' if 'Error' in text else 'ctest'
 
 
