@@ -8,8 +8,8 @@
 #   mutants: K killed of N (P%), S survived, C did not compile
 # where N counts the mutants that built. Progress goes to stderr.
 #
-# Usage: scripts/mutants.sh [--count N] [--seed S] [--list] [--only PATH] [--jobs J]
-#                           [--test-timeout SECONDS] [--model-sequences N]
+# Usage: scripts/mutants.sh [--count N] [--seed S] [--list] [--only PATH] [--index I,J,...]
+#                           [--jobs J] [--test-timeout SECONDS] [--model-sequences N]
 #
 # The faults, one per mutant, on one line each:
 #   - a comparison flipped:   == <-> !=,  < -> >=,  >= -> <,  > -> <=,  <= -> >
@@ -94,6 +94,14 @@ def blank_literals_and_comments(text):
             if out[k] != '\n':
                 out[k] = ' '
 
+    def blank_quoted(i, quote):
+        """Blanks the literal that opens at i; returns the index after its closing quote."""
+        j = i + 1
+        while j < n and text[j] not in quote + '\n':
+            j += 2 if text[j] == '\\' else 1
+        blank(i + 1, j)
+        return j + 1
+
     def word_before(i):
         k = i - 1
         while k >= 0 and (text[k].isalnum() or text[k] == '_'):
@@ -123,21 +131,13 @@ def blank_literals_and_comments(text):
                     blank(i + 1, j - 1)
                     i = j
                     continue
-            j = i + 1
-            while j < n and text[j] not in '"\n':
-                j += 2 if text[j] == '\\' else 1
-            blank(i + 1, j)
-            i = j + 1
+            i = blank_quoted(i, '"')
         elif c == "'":
             word = word_before(i)
             if word and word[0].isdigit():  # a digit separator, as in 30'000
                 i += 1
                 continue
-            j = i + 1
-            while j < n and text[j] not in "'\n":
-                j += 2 if text[j] == '\\' else 1
-            blank(i + 1, j)
-            i = j + 1
+            i = blank_quoted(i, "'")
         else:
             i += 1
     return ''.join(out)
@@ -435,6 +435,8 @@ def main():
     parser.add_argument('--seed', type=int, default=1, help='seed of the sample (1)')
     parser.add_argument('--list', action='store_true', help='print the sample and stop')
     parser.add_argument('--only', metavar='PATH', help='draw from this file or folder only')
+    parser.add_argument('--index', metavar='I,J,...',
+                        help='run only these mutants of the sample, by their number in it (from 1)')
     parser.add_argument('--jobs', type=int, default=2, help='build and test jobs (2)')
     parser.add_argument('--test-timeout', type=int, default=60, help='seconds per test (60)')
     parser.add_argument('--model-sequences', type=int,
@@ -468,11 +470,20 @@ def main():
         sites.extend(sites_of(path))
     sites.sort()
     sample = sorted(random.Random(args.seed).sample(sites, min(args.count, len(sites))))
+    total = len(sample)
+    if args.index:
+        chosen = sorted({int(k) for k in args.index.split(',')})
+        if chosen[0] < 1 or chosen[-1] > len(sample):
+            parser.error(f'--index: the sample has mutants 1 to {len(sample)}')
+        sample = [(k, sample[k - 1]) for k in chosen]
+    else:
+        sample = list(enumerate(sample, 1))
     lines = {p: t.decode('utf-8').split('\n') for p, t in texts.items()}
-    note(f'{len(sites)} sites in {len(files)} files; {len(sample)} drawn with seed {args.seed}')
+    note(f'{len(sites)} sites in {len(files)} files; {total} drawn with seed {args.seed}' +
+         (f', {len(sample)} of them run' if args.index else ''))
     if args.list:
-        for site in sample:
-            print(describe(site, lines[site[0]]))
+        for n, site in sample:
+            print(f'{n:3} {describe(site, lines[site[0]])}')
         return 0
 
     for name in os.listdir(LOGS):
@@ -510,13 +521,13 @@ def main():
         note(f'suite passes in {baseline:.0f}s (model test: {os.environ["Q7_MODEL_SEQUENCES"]} sequences)')
         suite_timeout = max(600.0, 5 * baseline)
 
-        for n, site in enumerate(sample, 1):
+        for n, site in sample:
             path = site[0]
             original = texts[path]
             text_lines = original.decode('utf-8').split('\n')
             text_lines[site[1] - 1] = mutated_line(text_lines[site[1] - 1], site)
             label = describe(site, lines[path])
-            prefix = f'[{n:3}/{len(sample)}]'
+            prefix = f'[{n:3}/{total}]'
             tm = time.monotonic()
             with open(PENDING_COPY, 'wb') as f:
                 f.write(original)
