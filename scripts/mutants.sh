@@ -9,7 +9,11 @@
 # where N counts the mutants that built. Progress goes to stderr.
 #
 # Usage: scripts/mutants.sh [--count N] [--seed S] [--list] [--only PATH] [--index I,J,...]
-#                           [--jobs J] [--test-timeout SECONDS] [--model-sequences N]
+#                           [--jobs J] [--test-timeout SECONDS] [--model-sequences N] [--every-test]
+#
+# --every-test runs the whole suite on each mutant instead of stopping at the first failure, and
+# writes every test that kills it into build-mutants/mutant-logs/kills.tsv: which tests alone
+# catch a fault, before a suite is reshaped.
 #
 # The faults, one per mutant, on one line each:
 #   - a comparison flipped:   == <-> !=,  < -> >=,  >= -> <,  > -> <=,  <= -> >
@@ -405,14 +409,14 @@ def restore_pending():
     os.remove(PENDING_COPY)
 
 
-def failed_test(log):
+def failed_tests(log):
+    """The tests that failed in a ctest log, each as 'Suite.Name (how)'."""
     with open(log, errors='replace') as f:
         text = f.read()
     # e.g. "Test  #54: Suite.Name ......Subprocess aborted***Exception:   0.87 sec"
-    m = re.search(r'Test\s+#\d+: (\S+) \.*([^.*\n]*)\*\*\*(\w+)', text)
-    if m:
-        return f'{m.group(1)} ({(m.group(2).strip() or m.group(3)).lower()})'
-    return 'ctest failed' if 'Error' in text else 'ctest'
+    found = [f'{m.group(1)} ({(m.group(2).strip() or m.group(3)).lower()})'
+             for m in re.finditer(r'Test\s+#\d+: (\S+) \.*([^.*\n]*)\*\*\*(\w+)', text)]
+    return found or ['ctest failed' if 'Error' in text else 'ctest']
 
 
 def build(jobs, log):
@@ -422,7 +426,7 @@ def build(jobs, log):
 
 def run_tests(args, log, timeout):
     status, timed_out = run_logged(
-        ['ctest', '--test-dir', BUILD, '--stop-on-failure', f'-j{args.jobs}',
+        ['ctest', '--test-dir', BUILD, *([] if args.every_test else ['--stop-on-failure']), f'-j{args.jobs}',
          '--timeout', str(args.test_timeout), '--no-tests=error', '--output-on-failure'],
         log, timeout=timeout)
     return status == 0, timed_out
@@ -441,6 +445,8 @@ def main():
     parser.add_argument('--test-timeout', type=int, default=60, help='seconds per test (60)')
     parser.add_argument('--model-sequences', type=int,
                         help='sequences of the model test (Q7_MODEL_SEQUENCES, else 500)')
+    parser.add_argument('--every-test', action='store_true',
+                        help='run the whole suite on each mutant; every test that kills it goes to kills.tsv')
     args = parser.parse_args(sys.argv[1:])
     if args.model_sequences is not None:
         os.environ['Q7_MODEL_SEQUENCES'] = str(args.model_sequences)
@@ -547,8 +553,11 @@ def main():
                         verdict = 'SURVIVED'
                     else:
                         killed.append(site)
-                        verdict = 'killed by ' + ('a timeout of the suite' if timed_out
-                                                  else failed_test(test_log))
+                        by = ['a timeout of the suite'] if timed_out else failed_tests(test_log)
+                        verdict = 'killed by ' + (', '.join(by) if args.every_test else by[0])
+                    if args.every_test:
+                        with open(os.path.join(LOGS, 'kills.tsv'), 'a') as f:
+                            f.write(f'{n}\t{label}\t{verdict}\n')
             finally:
                 write_file(path, original)
                 with open(os.path.join(ROOT, path), 'rb') as f:
