@@ -138,7 +138,6 @@ TEST(ConfigParseTest, EachFailureNamesItsAttribute) {
     std::vector<std::array<std::string, 3>> const listen = {
         {"Value('Kel::Q7Sync::ListenConfig'", "Value('Kel::Q7Sync::Other'", "Kel::Q7Sync::ListenConfig"},
         {"192.0.2.7, 'port': 4711", "nowhere, 'port': x", "hostAddr"},  // the address is read first
-        {", 'port'", ", 'prt'", "port"},
         {"4711", "65536", "port"},
         {"})", "}", "Kel::Q7Sync::ListenConfig"}};
     for (auto const& [from, to, attribute] : listen)
@@ -149,10 +148,7 @@ TEST(ConfigParseTest, EachFailureNamesItsAttribute) {
         {"10.1.2.3,", "10.1.2.300,", "remoteAddr"},
         {"4000", "4294967296", "remotePort"},
         {"'agent/state'", "agent/state", "remotePath"},
-        {"'k'", "k", "syncContainerKey"},
         {"WRITE|RELIABLE", "WRITE|LOUD", "flags"},
-        {"'10.1.2.3:4000'", "10.1.2.3:4000", "remoteAgentKey"},
-        {"'/q7", "/q7", "localUri"},
         {"'remoteUri': ", "'remoteURI': ", "remoteUri"}};
     for (auto const& [from, to, attribute] : subscribe)
         EXPECT_EQ(failingAttribute<PathSubscribeConfig>(replaced(kSubscribe, from, to)), attribute) << to;
@@ -179,7 +175,6 @@ protected:
 };
 
 TEST_F(SubscribeConfigTest, AnAddressDerivesTheAgentKeyAndBothUris) {
-    ASSERT_NE(container, nullptr);
     EXPECT_EQ(valueToStrep(example), kSubscribe);
     // A leading "/" is not doubled, but the values stay apart by their remotePath.
     PathSubscribeConfig const rooted = make("10.1.2.3", 4000, "/agent/state");

@@ -1,4 +1,4 @@
-// Type tables, generic access by attribute name, and directories that make entities by type.
+// Type tables and generic access by attribute name: reads, writes, calls, collections and refusals.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -124,8 +124,10 @@ TEST_F(Reflection, AttributesAreReadWrittenAndCalledByName) {
     EXPECT_EQ(attr("open").genericIfGet(gi).text() + " " + attr("addr").genericIfGet(gi).text(), "true 10.1.2.3");
     attr("open").genericIfSetFromText(gi, "false");
     EXPECT_FALSE(shelf->open);
+    EXPECT_EQ(widgetType->newValue({{"name", key("n")}}).object()->fwkType(), widgetType);
     // A pointer's truth is whether it is set; a type without hash or truth tells neither.
     EXPECT_EQ(Wex::Value::of(Lumo::Ptr<Widget>()).truth(), false);
+    EXPECT_EQ(Wex::Value::of(Lumo::Ptr<Widget>()).text(), "null");
     EXPECT_EQ(Wex::Value::of(Lumo::String("s")).hash(), std::nullopt);
     EXPECT_EQ(Wex::Value::of(Lumo::String("s")).truth(), std::nullopt);
 }
@@ -140,7 +142,8 @@ TEST_F(Reflection, MembersAreWrittenReadAndDeletedThroughTheOwnersOperations) {
     EXPECT_EQ(label.genericIfMemberDel(gi, key("a")).text(), "0");
     Lumo::Ptr<Widget> w(new Widget("w"));
     w->size = 4;
-    attr("widget").genericIfMemberIs(gi, {{"widget", Wex::Value::of(w)}});
+    // A pointer of a base type is taken for what it points at.
+    attr("widget").genericIfMemberIs(gi, {{"widget", Wex::Value::of(Lumo::Ptr<Wex::Entity>(w))}});
 
     // Read by key as each collection shows its members; an absent key reads as no value.
     for (auto const& [attribute, k, value, has] : std::vector<std::tuple<char const*, char const*, std::string, bool>>{
@@ -158,6 +161,7 @@ TEST_F(Reflection, MembersAreWrittenReadAndDeletedThroughTheOwnersOperations) {
     EXPECT_EQ(walked, std::vector<std::string>{"'b'3"});
     EXPECT_EQ(label.params(), (std::vector<std::string>{"key", "value"}));
     EXPECT_TRUE(attr("widgetSize").readOnly());
+    EXPECT_FALSE(attr("widget").readOnly());
     EXPECT_FALSE(attr("widget").deletesAllMembers());
     EXPECT_EQ(attr("widget").genericIfMemberDel(gi, key("w")).object(), w.ptr());
     EXPECT_EQ(shelf->widget.size(), 0u);
@@ -189,6 +193,8 @@ TEST_F(Reflection, RefusalsNameTheAttributeAndChangeNothing) {
         {[&] { attr("addr").genericIfSetFromText(gi, "10.1.2"); }, typeid(Range), "addr"},
         {[&] { attr("addr").genericIfSetFromText(gi, "10.1.2.4 x"); }, typeid(Range), "addr"},
         {[&] { attr("favourite").genericIfSetFromText(gi, "null"); }, typeid(Range), "favourite"},
+        {[&] { members.genericIfMemberIs(gi, {{"widget", Wex::Value::of(Lumo::Ptr<Wex::Entity>())}}); },
+         typeid(Wex::NullArgumentException), "widget"},
         {[&] { members.genericIfMemberIs(gi, {{"widget", Wex::Value::of(3u)}}); }, typeid(WrongType), "widget"},
         {[&] { members.genericIfMember(gi, Wex::Value::of(3u)); }, typeid(WrongType), "widget"},
         {[&] { label.genericIfMemberHas(gi, Wex::Value::of(3u)); }, typeid(WrongType), "label"},
@@ -220,24 +226,6 @@ TEST_F(Reflection, RefusalsNameTheAttributeAndChangeNothing) {
     EXPECT_EQ(shelf->widget.size(), 0u);
     EXPECT_EQ(shelf->label.size(), 1u);
     EXPECT_EQ(shelf->label.get("k").value, 1u);
-}
-
-TEST(Directory, CreatesByTypeReturnsTheHeldChildAndDeletes) {
-    Lumo::Ptr<Wex::Dir> dir(new Wex::Dir("d"));
-    Lumo::Ptr<Wex::Entity> a = dir->createEntity("Test::Widget", "a");
-    ASSERT_TRUE(a);
-    EXPECT_EQ(a->fwkType(), Wex::typeNode("Test::Widget"));
-    EXPECT_EQ(dir->createEntity("Wex::Dir", "a"), a);  // the held child, whatever its type
-    EXPECT_THROW(dir->createEntity("Test::Nothing", "b"), Wex::NewEntityArgsException);
-    EXPECT_THROW(dir->createEntity(static_cast<Wex::WexType const*>(nullptr), "b"), Wex::NullArgumentException);
-    Lumo::Ptr<Wex::Entity> sub = dir->createEntity(Wex::typeNode("Wex::Dir"), "sub");
-    EXPECT_TRUE(Lumo::ptr_cast<Wex::Dir>(sub));
-    EXPECT_EQ(dir->entities(), 2u);
-    EXPECT_EQ(dir->deleteEntity("a"), a);
-    EXPECT_EQ(dir->deleteEntity("a"), nullptr);
-    EXPECT_EQ(dir->entityPtr("sub"), sub);
-    EXPECT_EQ(dir->entities(), 1u);
-    EXPECT_TRUE(Wex::System::globalDir());
 }
 
 } // namespace
