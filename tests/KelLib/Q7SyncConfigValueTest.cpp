@@ -4,6 +4,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -34,14 +35,9 @@ std::string const kSubscribe =
     "'remoteAgentKey': '10.1.2.3:4000', 'localUri': '/q7/remote/10.1.2.3:4000/k/syncAttribute', "
     "'remoteUri': '10.1.2.3:4000/agent/state'})";
 
-// The example with one field changed, and whether that orders it after the example. The derived
-// strings are taken from the text as they stand.
-struct Variant {
-    char const* from;
-    char const* to;
-    bool after;
-};
-Variant const kVariants[] = {
+// The example with one field changed (from, to), and whether that orders it after the example. The
+// derived strings are taken from the text as they stand.
+std::tuple<char const*, char const*, bool> const kVariants[] = {
     {"10.1.2.3,", "10.1.2.4,", true},
     {"10.1.2.3,", "::ffff:10.1.2.3,", true},
     {"4000,", "4001,", true},
@@ -80,7 +76,7 @@ std::vector<std::string> samples<PathSubscribeConfig>() {
         R"('remoteUri': ''}))",
         kSubscribe,
     };
-    for (Variant const& v : kVariants) texts.push_back(replaced(kSubscribe, v.from, v.to));
+    for (auto const& [from, to, after] : kVariants) texts.push_back(replaced(kSubscribe, from, to));
     return texts;
 }
 
@@ -185,14 +181,15 @@ TEST_F(SubscribeConfigTest, AnAddressDerivesTheAgentKeyAndBothUris) {
     for (char const* a : {"0.0.0.0", "255.255.255.255", "::1", "1111:2222:3333:4444:5555:6666:7777:8888"})
         for (std::uint32_t port : {0u, 9u, 10u, 99u, 100u, 65535u, 4294967295u})
             EXPECT_EQ(make(a, port, "p").remoteAgentKey().view(), addr(a).stringValue() + ":" + std::to_string(port));
-    EXPECT_EQ(PathSubscribeConfig::createWriteSyncConfig(addr("10.1.2.3"), Kivu::Port(65535), "k", container, F::WRITE())
-                  .remoteUri(),
-              "10.1.2.3:65535/q7/writeSync/k/syncAttribute");
+    PathSubscribeConfig const write =
+        PathSubscribeConfig::createWriteSyncConfig(addr("10.1.2.3"), Kivu::Port(65535), "k", container, F::WRITE());
+    EXPECT_EQ(write.remoteUri(), "10.1.2.3:65535/q7/writeSync/k/syncAttribute");
 
     // Without an address nothing is derived or checked, and any field makes the value true.
     PathSubscribeConfig const unaddressed(Kivu::IpGenAddr(), 0, "", "k", Wex::wexTypeOf<Wex::Dir>(), {});
     EXPECT_TRUE(bool(unaddressed));
-    EXPECT_TRUE(unaddressed.remoteAgentKey().empty() && unaddressed.localUri().empty() && unaddressed.remoteUri().empty());
+    EXPECT_TRUE(unaddressed.remoteAgentKey().empty() && unaddressed.localUri().empty() &&
+                unaddressed.remoteUri().empty());
     EXPECT_FALSE(bool(PathSubscribeConfig(Kivu::IpGenAddr(), 0, "", "", nullptr, {})));
 }
 
@@ -219,10 +216,10 @@ TEST_F(SubscribeConfigTest, RefusesWhatCannotBeSubscribed) {
 
 TEST_F(SubscribeConfigTest, OrderingIsDecidedByTheFirstFieldThatDiffers) {
     PathSubscribeConfig const parsed = Wex::fromString<PathSubscribeConfig>(kSubscribe);
-    for (Variant const& v : kVariants) {
-        PathSubscribeConfig const other = Wex::fromString<PathSubscribeConfig>(replaced(kSubscribe, v.from, v.to));
-        EXPECT_EQ(parsed < other, v.after) << v.to;
-        EXPECT_EQ(other < parsed, !v.after) << v.to;
+    for (auto const& [from, to, after] : kVariants) {
+        PathSubscribeConfig const other = Wex::fromString<PathSubscribeConfig>(replaced(kSubscribe, from, to));
+        EXPECT_EQ(parsed < other, after) << to;
+        EXPECT_EQ(other < parsed, !after) << to;
     }
     EXPECT_FALSE(parsed < Wex::fromString<PathSubscribeConfig>(kSubscribe));
     // The container type is neither printed nor parsed, but counts: no type orders before any type.

@@ -55,7 +55,8 @@ TEST(Address, WritesTheCLibraryTextWithinItsMaximumLength) {
     for (std::string const& text : texts) {
         IpGenAddr const a = addr(text);
         char expected[INET6_ADDRSTRLEN];
-        inet_ntop(a.family() == IpGenAddr::Family::ip6 ? AF_INET6 : AF_INET, a.bytes().data(), expected, sizeof expected);
+        int const family = a.family() == IpGenAddr::Family::ip6 ? AF_INET6 : AF_INET;
+        inet_ntop(family, a.bytes().data(), expected, sizeof expected);
         EXPECT_EQ(written(a), expected) << text;
         EXPECT_EQ(a.stringValue(), expected) << text;
     }
@@ -86,7 +87,8 @@ TEST(Address, UnspecifiedIsAFamilyOfItsOwnReadAndPrintedAsSuch) {
 
 TEST(Flags, TextFormRoundTripsEveryValueAndTheReaderRefusesAnythingElseMovingNothing) {
     EXPECT_EQ(Q7Sync::valueToStrep(Flags(0xb5)), "WRITE|SNAPSHOT|SEED|0x20|0x80");
-    std::vector<std::string> const bad = {"READ", "WRITE|WRITE", "WRITE|", "|WRITE", "0x01", "0x100", "0x2g", "write", "", "NONE|WRITE"};
+    std::vector<std::string> const bad = {"READ", "WRITE|WRITE", "WRITE|", "|WRITE", "0x01",
+                                          "0x100", "0x2g",        "write",  "",       "NONE|WRITE"};
     for (unsigned v = 0; v < 256; ++v) {
         std::string const text = Q7Sync::valueToStrep(Flags(v));
         Wex::CharRange r(text);
