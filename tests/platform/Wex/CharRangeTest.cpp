@@ -56,10 +56,13 @@ TEST(CharRangeTest, ReadsEveryByteBackFromTheQuotedFormAndNumbersUpToTheTypesMax
 
 TEST(CharRangeTest, WhatCannotBeReadIsRefusedSayingWhatIsWrong) {
     std::vector<std::pair<std::string, std::string>> const cases = {
-        {refusal("plain", readAs<std::string>), "attribute 'attr': expected a quoted string at 'plain'"},
+        // What follows is shown up to 24 characters.
+        {refusal("plain text that goes on and on", readAs<std::string>),
+         "attribute 'attr': expected a quoted string at 'plain text that goes on '"},
         {refusal("", readAs<std::string>), "expected a quoted string at end of text"},
         {refusal("'open", readAs<std::string>), "unterminated string"},
         {refusal("'open\\", readAs<std::string>), "unterminated escape"},
+        {refusal(R"('open\')", readAs<std::string>), "unterminated string"},
         {refusal(R"('a\qb')", readAs<std::string>), R"(bad escape at '\qb')"},
         {refusal(R"('\xg0')", readAs<std::string>), "bad escape"},
         {refusal(R"('\x0G')", readAs<Lumo::String>), "bad escape"},

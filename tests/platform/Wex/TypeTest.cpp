@@ -40,8 +40,11 @@ public:
     void widgetIs(Lumo::Ptr<Widget> const& w) { widget.set(w); }
     Lumo::Ptr<Widget> widgetDel(Lumo::String const& name) { return widget.del(name); }
 
-    Wex::EntryMap<Lumo::String, unsigned> label{"label", 130};
-    Wex::Collection<Lumo::String, Lumo::Ptr<Widget>, Wex::MemberKey<&Wex::Entity::name>> widget{"widget", 131};
+    Lumo::Publisher* notifieeList() const noexcept override { return &publisher_; }
+    mutable Lumo::Publisher publisher_;  // what watchers of the collections hear through
+    Wex::EntryMap<Lumo::String, unsigned> label{"label", 130, &publisher_};
+    Wex::Collection<Lumo::String, Lumo::Ptr<Widget>, Wex::MemberKey<&Wex::Entity::name>> widget{"widget", 131,
+                                                                                                 &publisher_};
     bool open = false;
     Kivu::IpGenAddr addr;
     Lumo::Ptr<Widget> favourite;
@@ -134,6 +137,9 @@ TEST_F(Reflection, AttributesAreReadWrittenAndCalledByName) {
 
 TEST_F(Reflection, MembersAreWrittenReadAndDeletedThroughTheOwnersOperations) {
     Wex::WexAttr const& label = attr("label");
+    // A watch hears the key of every member written or deleted, until it goes.
+    std::vector<std::string> heard;
+    auto watch = label.watch(*shelf, [&](Wex::Value const& k) { heard.push_back(k.text()); });
     // Each write returns what the owner's operation returns.
     EXPECT_EQ(label.genericIfMemberIsFromText(gi, "'a'", "1").text(), "true");
     EXPECT_EQ(label.genericIfMemberIsFromText(gi, "'a'", "2").text(), "false");
@@ -171,6 +177,9 @@ TEST_F(Reflection, MembersAreWrittenReadAndDeletedThroughTheOwnersOperations) {
     label.genericIfMemberIsFromText(gi, "'c'", "5");
     label.genericIfMemberDelAll(gi);
     EXPECT_EQ(shelf->label.size(), 0u);
+    watch.reset();
+    label.genericIfMemberIsFromText(gi, "'d'", "6");
+    EXPECT_EQ(heard, (std::vector<std::string>{"'a'", "'a'", "'b'", "'a'", "'b'", "'c'", "'c'"}));
 }
 
 TEST_F(Reflection, RefusalsNameTheAttributeAndChangeNothing) {
@@ -206,6 +215,10 @@ TEST_F(Reflection, RefusalsNameTheAttributeAndChangeNothing) {
         {[&] { attr("widgetSize").genericIfMemberIs(gi, {{"widget", key("w")}}); }, typeid(Denied), "widgetSize"},
         {[&] { attr("widgetSize").genericIfMemberIsFromText(gi, "'w'", "4"); }, typeid(Denied), "widgetSize"},
         {[&] { attr("open").genericIfCount(gi); }, typeid(Denied), "open"},
+        {[&] { attr("open").genericIfMember(gi, key("x")); }, typeid(Denied), "open"},
+        {[&] { attr("open").genericIfMemberHas(gi, key("x")); }, typeid(Denied), "open"},
+        {[&] { attr("open").forEach(shelf.ptr(), {}); }, typeid(Denied), "open"},
+        {[&] { widgetType->attrOrThrow("grow").watch(*widget, {}); }, typeid(Denied), "grow"},
         {[&] { members.genericIfMemberDelAll(gi); }, typeid(Denied), "widget"},
         {[&] { members.genericIfSet(gi, {}); }, typeid(Denied), "widget"},
         {[&] { label.genericIfMemberIs(gi, {{"key", key("t")}}); }, typeid(BadArgs), "value"},
