@@ -1,5 +1,4 @@
-// ListenConfig and PathSubscribeConfig: truth value, equality, hash, order, text form and parsing,
-// derived strings and reflection.
+// ListenConfig and PathSubscribeConfig: truth, equality, hash, order, text form, derived strings, reflection.
 #include <array>
 #include <functional>
 #include <set>

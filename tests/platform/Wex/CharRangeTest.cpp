@@ -1,5 +1,4 @@
-// The framework's text reader: what it reads, and the clear error that leaves the cursor in place
-// for everything it cannot.
+// The framework's text reader: what it reads, and the error that leaves the cursor alone for what it cannot.
 #include "Wex/CharRange.h"
 
 #include <cstdint>
