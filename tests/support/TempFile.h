@@ -1,10 +1,9 @@
 // A temporary file that the code under test writes to, through its stream or its descriptor.
 #pragma once
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -21,22 +20,13 @@ public:
     // Everything written so far, by either way; reading does not move the writer's position.
     std::string contents() const {
         std::fflush(file_);
-        std::string out;
-        char chunk[1 << 16];
-        for (off_t at = 0;;) {
-            ssize_t const r = ::pread(fd(), chunk, sizeof chunk, at);
-            if (r < 0 && errno == EINTR) continue;
-            if (r <= 0) break;
-            out.append(chunk, static_cast<std::size_t>(r));
-            at += r;
-        }
-        return out;
+        std::ifstream in("/proc/self/fd/" + std::to_string(fd()), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
     }
     // What was written since the last call.
     std::string fresh() {
-        std::string all = contents();
-        std::string out = all.substr(read_);
-        read_ = all.size();
+        std::string out = contents().substr(read_);
+        read_ += out.size();
         return out;
     }
 
