@@ -1,129 +1,102 @@
-// Agents as separate processes on loopback, checked as a person would check them: the mirror,
-// a publisher killed and restarted, a refused path, and the connections that `ss` shows.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
+// The q7agent program as processes: a publisher killed and restarted, `ss`, and the command line.
+#include <gtest/gtest.h>
 
-#include <cstdio>
+#include <signal.h>
+
 #include <string>
-#include <thread>
+#include <vector>
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
 #include "support/AgentProcess.h"
 
+namespace Kel::Q7Sync::Test {
 namespace {
 
-using Kel::Q7Sync::Test::AgentProcess;
-using namespace std::chrono_literals;
+bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
 
-// A port nobody listens on right now, on 127.0.0.1.
-std::uint16_t freePort() {
-    int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    ::close(fd);
-    return ntohs(addr.sin_port);
-}
+TEST(Agents, AKilledPublisherRestartedWithOtherStateIsMirroredAgainOverTheOneConnection) {
+    AgentProcess publisher, subscriber;
+    // The state is in place before the endpoint opens, so that the first snapshot is all of it.
+    auto const serve = [&](std::string const& interfaces, std::string const& listen) {
+        publisher.send("publish /sys/state/interfaces\npublish /sys/state/routes\n" + interfaces);
+        return publisher.run(listen);
+    };
+    std::string const listening =
+        serve("set /sys/state/interfaces eth0 up\nset /sys/state/interfaces eth1 up\n", "listen 127.0.0.1 0");
+    auto const port = std::uint16_t(std::stoul(listening.substr(listening.find(" on port ") + 9)));
+    auto const reaches = [&](char const* path, char const* status) {
+        return subscriber.run(fmt::format("wait status 127.0.0.1:{}/sys/state/{} {}", port, path, status));
+    };
+    subscriber.send(fmt::format("subscribe 127.0.0.1 {0} /sys/state/interfaces ifaces\n"
+                                "subscribe 127.0.0.1 {0} /sys/state/routes routes\n", port));
+    ASSERT_TRUE(has(reaches("interfaces", "inSync"), " is inSync") && has(reaches("routes", "inSync"), " is inSync"))
+        << subscriber.output();
+    EXPECT_EQ(connectionsTo(port), 1);
 
-// Connections established to `port`, counted from the connecting side, as `ss` lists them.
-int connectionsTo(std::uint16_t port) {
-    std::string const command = fmt::format("ss -tnH state established '( dport = :{} )'", port);
-    FILE* ss = ::popen(command.c_str(), "r");
-    if (!ss) return -1;
-    int lines = 0;
-    for (int c; (c = std::fgetc(ss)) != EOF;) lines += c == '\n';
-    ::pclose(ss);
-    return lines;
-}
-
-bool connectionsBecome(std::uint16_t port, int want) {
-    for (int i = 0; i < 100; ++i) {
-        if (connectionsTo(port) == want) return true;
-        std::this_thread::sleep_for(50ms);
-    }
-    return false;
-}
-
-class Agents : public ::testing::Test {
-protected:
-    std::uint16_t const port = freePort();
-    std::string const remote = fmt::format("127.0.0.1:{}", port);
-    std::string const mirror = fmt::format("/q7/remote/{}/ifaces/syncAttribute", remote);
-    AgentProcess publisher{Q7_AGENT_PROGRAM};
-    AgentProcess subscriber{Q7_AGENT_PROGRAM};
-
-    void publish(std::initializer_list<std::pair<char const*, char const*>> entries) {
-        publisher.run(fmt::format("listen 127.0.0.1 {}", port));
-        publisher.run("publish /sys/state/interfaces");
-        for (auto const& [key, value] : entries) publisher.run(fmt::format("set /sys/state/interfaces {} {}", key, value));
-    }
-    std::string waitFor(std::string const& status, std::string const& path = "/sys/state/interfaces") {
-        return subscriber.run(fmt::format("wait status {}{} {}", remote, path, status));
-    }
-};
-
-TEST_F(Agents, TheSubscriberMirrorsThePublisherAndItsHandlerHearsEachChange) {
-    publish({{"eth0", "up"}, {"eth1", "down"}});
-    subscriber.run("handler add ifaces");
-    subscriber.run(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces ifaces", port));
-    EXPECT_NE(waitFor("inSync").find("inSync"), std::string::npos) << subscriber.seen();
-    std::string const got = subscriber.run("get " + mirror);
-    EXPECT_NE(got.find("'eth0' = 'up'"), std::string::npos) << got;
-    EXPECT_NE(got.find("'eth1' = 'down'"), std::string::npos) << got;
-
-    publisher.run("set /sys/state/interfaces eth1 up");
-    publisher.run("delete /sys/state/interfaces eth0");
-    EXPECT_TRUE(subscriber.expect("'eth1' = 'up'")) << subscriber.seen();
-    EXPECT_TRUE(subscriber.expect("'eth0' deleted")) << subscriber.seen();
-}
-
-TEST_F(Agents, AfterAKilledPublisherRestartsTheMirrorConvergesOnItsNewState) {
-    publish({{"eth0", "up"}, {"eth1", "up"}});
-    subscriber.run(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces ifaces", port));
-    waitFor("inSync");
-
-    publisher.kill(SIGKILL);
-    std::string const lost = waitFor("connecting");
-    EXPECT_NE(lost.find("next try in"), std::string::npos) << lost;
-
+    publisher.finish(SIGKILL);
+    EXPECT_TRUE(has(reaches("interfaces", "connecting"), "; next try in ")) << subscriber.output();
     // The new publisher has lost eth0 and gained lo.
     publisher.start();
-    publish({{"eth1", "down"}, {"lo", "up"}});
-    std::string const back = waitFor("inSync");
-    EXPECT_NE(back.find("inSync"), std::string::npos) << subscriber.seen();
-    std::string const got = subscriber.run("get " + mirror);
-    EXPECT_EQ(got.find("eth0"), std::string::npos) << got;
-    EXPECT_NE(got.find("'eth1' = 'down'"), std::string::npos) << got;
-    EXPECT_NE(got.find("'lo' = 'up'"), std::string::npos) << got;
-}
-
-TEST_F(Agents, APathThatIsNotPublishedFailsWithTheReason) {
-    publish({});
-    subscriber.run(fmt::format("subscribe 127.0.0.1 {} /sys/state/routes routes", port));
-    std::string const failed = waitFor("failed", "/sys/state/routes");
-    EXPECT_NE(failed.find("is not published"), std::string::npos) << subscriber.seen();
-}
-
-TEST_F(Agents, OneConnectionPerRemoteAgentReleasedWithItsLastSubscription) {
-    publish({{"eth0", "up"}});
-    publisher.run("publish /sys/state/routes");
-    subscriber.run(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces ifaces", port));
-    subscriber.run(fmt::format("subscribe 127.0.0.1 {} /sys/state/routes routes", port));
-    waitFor("inSync");
-    waitFor("inSync", "/sys/state/routes");
+    std::string const back = serve("set /sys/state/interfaces eth1 down\nset /sys/state/interfaces lo up\n",
+                                   fmt::format("listen 127.0.0.1 {}", port));
+    EXPECT_TRUE(has(back, "listening: true")) << back;
+    EXPECT_TRUE(has(reaches("interfaces", "inSync"), "complete, 1 stale deleted")) << subscriber.output();
+    ASSERT_TRUE(has(reaches("routes", "inSync"), " is inSync")) << subscriber.output();
     EXPECT_EQ(connectionsTo(port), 1);
+
+    // The connection goes with the last subscription: the subscriber closes it before it says so.
     subscriber.run("release 1");
     EXPECT_EQ(connectionsTo(port), 1);
     subscriber.run("release 2");
-    EXPECT_TRUE(connectionsBecome(port, 0)) << connectionsTo(port) << " connection(s) left";
+    EXPECT_EQ(connectionsTo(port), 0);
+}
+
+TEST(AgentProgram, ExitsWithAStatusThatSaysWhatWentWrong) {
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string input;
+        int status;
+        std::string output;
+    };
+    std::string const failed = "> release 5\nerror: id: no request 5; usage: release ID\n";
+    // A pipe is read through the loop to its end or its quit, a last line without its newline included.
+    for (Case const& c : {Case{{"--strict", "/dev/null"}, "", 0, ""},
+                          Case{{"--strict"}, "release 5\nstatuses", 1,
+                               failed + "> statuses\n  (0 subscriptions)\nq7agent: 1 command(s) failed\n"},
+                          Case{{}, "release 5\nquit\nstatuses\n", 0, failed + "> quit\nq7agent: 1 command(s) failed\n"},
+                          Case{{"--trace", "KelQ7SyncSubscribeSm:12", "/dev/null"}, "", 2,
+                               "q7agent: --trace takes HANDLE:LEVEL with LEVEL 0 to 9, not 'KelQ7SyncSubscribeSm:12'\n"}}) {
+        SCOPED_TRACE(fmt::format("q7agent {}", fmt::join(c.arguments, " ")));
+        AgentProcess agent(c.arguments);
+        agent.send(c.input);
+        EXPECT_EQ(agent.finish(), c.status);
+        EXPECT_EQ(agent.output(), c.output);
+    }
+}
+
+// The example script runs the module's whole mission with the agent as its own peer.
+TEST(AgentProgram, TheExampleScriptRunsItsWholeMission) {
+    AgentProcess agent({"--strict", Q7_SOURCE_DIR "/host/example.q7"});
+    ASSERT_EQ(agent.finish(), 0) << agent.output();
+    // In this order: the conflicting pair waits for one to go, traces stop, the last dump shows no endpoint.
+    std::string const local = "/q7/remote/127.0.0.1:47001/";
+    std::vector<std::string> const parts = {
+        "> release 3\n  released request 3\n  trace KelQ7SyncSubscribeSm[1] SyncContainerSm::addContainer: localUri " + local +
+            "routes/syncAttribute\n  handler 'routes': container routes of Q7Agent::StateContainer at " + local +
+            "routes/syncAttribute\n",
+        "> release 1\n  released request 1\n  handler 'ifaces': container withdrawn from " + local +
+            "ifaces/syncAttribute\n> release 2\n  released request 2\n  handler 'routes': container withdrawn from " + local +
+            "routes/syncAttribute\n>",
+        "    listenConfigStatus: null\n", "> quit\n"};
+    std::size_t end = 0;
+    for (std::string const& part : parts) {
+        std::size_t const found = agent.output().find(part, end);
+        ASSERT_NE(found, std::string::npos) << "not found after offset " << end << ":\n" << part << "\nin:\n" << agent.output();
+        end = found + part.size();
+    }
+    EXPECT_EQ(end, agent.output().size());
 }
 
 } // namespace
+} // namespace Kel::Q7Sync::Test

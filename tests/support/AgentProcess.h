@@ -1,5 +1,4 @@
-// A q7agent process driven as a person would drive it: commands on its standard input, its
-// output read line by line.
+// q7agent processes driven on standard input and read on standard output, and the connections `ss` lists.
 #pragma once
 
 #include <fcntl.h>
@@ -14,17 +13,23 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
+
 extern char** environ;
 
 namespace Kel::Q7Sync::Test {
 
+using namespace std::chrono_literals;
+
+// The host program run with `arguments`; its standard output and error read as one stream.
 class AgentProcess {
 public:
-    explicit AgentProcess(std::string program) : program_(std::move(program)) { start(); }
-    ~AgentProcess() { kill(SIGKILL); }
+    explicit AgentProcess(std::vector<std::string> arguments = {}) : arguments_(std::move(arguments)) { start(); }
+    ~AgentProcess() { finish(SIGKILL); }
     AgentProcess(AgentProcess const&) = delete;
     AgentProcess& operator=(AgentProcess const&) = delete;
 
+    // Starts it, again after finish(), with the same arguments and nothing read yet.
     void start() {
         int in[2], out[2];
         if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return;
@@ -33,73 +38,69 @@ public:
         posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
         posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions, out[1], STDERR_FILENO);
-        std::vector<char*> argv{program_.data(), nullptr};
-        if (posix_spawn(&pid_, program_.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+        std::vector<char*> argv{const_cast<char*>(Q7_AGENT_PROGRAM)};
+        for (auto& a : arguments_) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
         posix_spawn_file_actions_destroy(&actions);
         ::close(in[0]);
         ::close(out[1]);
         input_ = in[1];
         output_ = out[0];
-        seen_.clear();
-        buffer_.clear();
+        text_.clear();
     }
-
-    // Ends the process with `signal` and waits for it.
-    void kill(int signal) {
-        if (pid_ <= 0) return;
-        ::kill(pid_, signal);
+    // Sends `signal` if any, closes the input, reads the output to its end: the exit status, or -1.
+    int finish(int signal = 0) {
+        if (pid_ <= 0) return -1;
+        if (signal) ::kill(pid_, signal);
+        ::close(input_);
+        auto const deadline = std::chrono::steady_clock::now() + 30s;
+        while (readSome(deadline)) {}
+        if (std::chrono::steady_clock::now() >= deadline) ::kill(pid_, SIGKILL);  // hung: the test fails anyway
+        ::close(output_);
         int status = 0;
         ::waitpid(pid_, &status, 0);
         pid_ = -1;
-        ::close(input_);
-        ::close(output_);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    void command(std::string const& line) {
-        std::string const text = line + "\n";
-        [[maybe_unused]] ssize_t const n = ::write(input_, text.data(), text.size());
-    }
-
-    // Reads output until a line contains `text`; false (with what was read in seen()) when
-    // the timeout passes or the output ends first.
-    bool expect(std::string const& text, std::chrono::milliseconds timeout = std::chrono::seconds(15)) {
-        auto const deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            for (std::size_t nl; (nl = buffer_.find('\n')) != std::string::npos;) {
-                std::string line = buffer_.substr(0, nl);
-                buffer_.erase(0, nl + 1);
-                seen_ += line + "\n";
-                if (line.find(text) != std::string::npos) return true;
-            }
-            auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0) return false;
-            pollfd p{output_, POLLIN, 0};
-            if (::poll(&p, 1, int(left.count())) <= 0) continue;
-            char chunk[4096];
-            ssize_t const n = ::read(output_, chunk, sizeof chunk);
-            if (n <= 0) return false;
-            buffer_.append(chunk, std::size_t(n));
-        }
-    }
-    // Runs `line`, then reads up to the mark an echo after it prints: the command's own output.
+    void send(std::string const& text) { [[maybe_unused]] ssize_t const n = ::write(input_, text.data(), text.size()); }
+    // Runs `line` and returns what came out from then to the mark that an echo after it prints.
     std::string run(std::string const& line) {
-        std::string const mark = "--- done " + std::to_string(++marks_);
-        std::size_t const from = seen_.size();
-        command(line);
-        command("echo " + mark);
-        expect(mark);
-        return seen_.substr(from);
+        std::size_t const from = text_.size();
+        std::string const mark = fmt::format("--- done {}", ++marks_);
+        send(fmt::format("{}\necho {}\n", line, mark));
+        auto const deadline = std::chrono::steady_clock::now() + 20s;
+        while (text_.find("== " + mark + "\n", from) == std::string::npos && readSome(deadline)) {}
+        return text_.substr(from);
     }
-    std::string const& seen() const noexcept { return seen_; }
+    std::string const& output() const noexcept { return text_; }
 
 private:
-    std::string program_;
+    bool readSome(std::chrono::steady_clock::time_point deadline) {
+        auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p{output_, POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&p, 1, int(left.count())) <= 0) return false;
+        char chunk[4096];
+        ssize_t const n = ::read(output_, chunk, sizeof chunk);
+        if (n > 0) text_.append(chunk, std::size_t(n));
+        return n > 0;
+    }
+
+    std::vector<std::string> arguments_;
     pid_t pid_ = -1;
     int input_ = -1;
     int output_ = -1;
-    std::string buffer_;
-    std::string seen_;
+    std::string text_;
     unsigned marks_ = 0;
 };
+
+// Connections established to `port` on this machine, counted from the connecting side, as `ss` lists them.
+inline int connectionsTo(std::uint16_t port) {
+    std::FILE* ss = ::popen(fmt::format("ss -tnH state established '( dport = :{} )'", port).c_str(), "r");
+    int lines = 0;
+    for (int c; ss && (c = std::fgetc(ss)) != EOF;) lines += c == '\n';
+    return ss && ::pclose(ss) == 0 ? lines : -1;
+}
 
 } // namespace Kel::Q7Sync::Test
