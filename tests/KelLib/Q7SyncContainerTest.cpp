@@ -1,11 +1,9 @@
-// Sync containers, their records and the reactor that keeps containers in step with the
-// subscriptions in force (the hand-over to handlers: Q7SyncSubscribeSmTest).
+// Sync containers: what makes, configures and resets them, and what they refuse. (The reactor
+// that keeps them in step with the subscriptions in force: Q7SyncSubscribeSmTest.)
 #include "KelLib/Q7SyncContainer.h"
 
 #include <cstdint>
-#include <optional>
 
-#include "KelLib/Q7SyncSubscribeSm.h"
 #include "host/StateContainer.h"
 #include "support/SyncTestSupport.h"
 
@@ -29,13 +27,11 @@ public:
 Wex::WexModuleRegistrar stubbornRegistrar("tests/StubbornContainer", [](Wex::WexModule& m) {
     m.type<StubbornContainer>("Test::StubbornContainer")
         .base<SyncContainer>()
-        .attribute("syncAttribute", [](StubbornContainer const&) { return 0u; },
-                   [](StubbornContainer&, unsigned) { throw Wex::RangeException("syncAttribute", "cannot be reset"); })
+        .attribute(
+            "syncAttribute", [](StubbornContainer const&) { return 0u; },
+            [](StubbornContainer&, unsigned) { throw Wex::RangeException("syncAttribute", "cannot be reset"); })
         .entityMaker();
 });
-PathSubscribeConfig stubbornSubscription(int host) {
-    return subscription("s", host, "p", Wex::wexTypeOf<StubbornContainer>(), Flags(0x15));
-}
 
 class SyncContainerTest : public SyncFixture {
 protected:
@@ -52,8 +48,9 @@ TEST_F(SyncContainerTest, CreateMakesOrReturnsTheContainerOfItsSubscriptionAndNo
     ChangeRecorder watcher(c);
     EXPECT_EQ(SyncContainer::create(dir, cfg), c);
     // Another subscription naming it leaves it as it is, its state included.
-    EXPECT_EQ(refusal<Wex::ReInstantiationException>([&] { SyncContainer::create(dir, stateSubscription("k", 0x15, "x")); }),
-              "pathSubscribeConfig");
+    EXPECT_EQ(
+        refusal<Wex::ReInstantiationException>([&] { SyncContainer::create(dir, stateSubscription("k", 0x15, "x")); }),
+        "pathSubscribeConfig");
     EXPECT_EQ(c->pathSubscribeConfig(), cfg);
     EXPECT_EQ(c->syncAttribute().size(), 1u);
     EXPECT_TRUE(watcher.changes.empty());
@@ -65,9 +62,11 @@ TEST_F(SyncContainerTest, CreateMakesOrReturnsTheContainerOfItsSubscriptionAndNo
               "syncContainerType");
     EXPECT_EQ(refusal<Wex::NewEntityArgsException>([&] { SyncContainer::create(dir, subscription("d")); }),
               "syncContainerKey");
-    EXPECT_EQ(refusal<Wex::NewEntityArgsException>([&] { SyncContainer::create(dir, stateSubscription("plain", 0x15)); }),
-              "syncContainerKey");
-    EXPECT_EQ(refusal<Wex::RangeException>([&] { SyncContainer::create(dir, stubbornSubscription(1)); }), "syncAttribute");
+    EXPECT_EQ(
+        refusal<Wex::NewEntityArgsException>([&] { SyncContainer::create(dir, stateSubscription("plain", 0x15)); }),
+        "syncContainerKey");
+    PathSubscribeConfig const stubborn = subscription("s", 1, "p", Wex::wexTypeOf<StubbornContainer>(), Flags(0x15));
+    EXPECT_EQ(refusal<Wex::RangeException>([&] { SyncContainer::create(dir, stubborn); }), "syncAttribute");
     EXPECT_FALSE(Lumo::ptr_cast<SyncContainer>(plain)->pathSubscribeConfig());
     EXPECT_EQ(dir->entities(), 3u) << "the refused container made for its subscription went again";
 
@@ -101,106 +100,5 @@ TEST_F(SyncContainerTest, Flags0x15ResetTheSyncAttributeBeforeConfiguringAndOthe
     EXPECT_EQ(SyncContainer::create(dir, plain)->pathSubscribeConfig(), plain);
 }
 
-// Watched records go one by one, each told; unwatched ones all at once. The index by key follows.
-TEST_F(SyncContainerTest, DeletingAllRecordsTellsEachDeletionOnlyWhenWatched) {
-    PathSubscribeConfig const a = subscription("k", 1), b = subscription("k", 2), other = subscription("j", 1);
-    auto const ca = placeContainer(dir, a), cb = placeContainer(dir, b), co = placeContainer(dir, other);
-    for (bool watched : {true, false}) {
-        SCOPED_TRACE(watched);
-        Lumo::Ptr<SyncContainerStatus> const status = SyncContainerStatus::SyncContainerStatusIs();
-        EXPECT_EQ(refusal<Wex::NullArgumentException>([&] { status->syncContainerIs(nullptr); }), "syncContainer");
-        for (auto const& c : {ca, cb, co}) status->syncContainerIs(c);
-        EXPECT_EQ(status->syncContainerDel(b), cb);
-        EXPECT_EQ(status->syncContainersOfKey("k"), (std::vector<Lumo::Ptr<SyncContainer const>>{ca}));
-        std::optional<ChangeRecorder> watcher;
-        if (watched) watcher.emplace(status);
-        status->syncContainerDelAll();
-        EXPECT_TRUE(status->syncContainer().empty());
-        EXPECT_TRUE(status->syncContainersOfKey("k").empty() && status->syncContainersOfKey("j").empty());
-        if (watched) EXPECT_EQ(watcher->changes, Lines(2, changed(SyncContainerStatus::kSyncContainer)));
-    }
-}
-
-class SyncContainerSmTest : public SyncFixture {
-protected:
-    Lumo::Ptr<SyncContainerSm> makeSm() { return SyncContainerSm::SyncContainerSmIs(effective, status, dir); }
-    static std::string traced(char const* function, PathSubscribeConfig const& c, std::string const& rest = "") {
-        return fmt::format("SyncContainerSm::{}: localUri {}{}", function, c.localUri(), rest);
-    }
-
-    Lumo::Ptr<EffectiveSubscribeConfig> effective = EffectiveSubscribeConfig::EffectiveSubscribeConfigIs();
-    Lumo::Ptr<SyncContainerStatus> status = SyncContainerStatus::SyncContainerStatusIs();
-    Lumo::Ptr<Wex::Dir> dir = freshDir();
-};
-
-// The record comes after its container is in place and goes before the container does, so that
-// its watchers always find the container where it belongs; an agent's directory goes with its last.
-TEST_F(SyncContainerSmTest, ContainersFollowTheSubscriptionsInForceInTheirAgentsDirectory) {
-    auto const sm = makeSm();
-    PathSubscribeConfig const a = subscription("a"), b = subscription("b");
-    ChangeRecorder watcher(status);
-    Lines seen;
-    watcher.onChange = [&](Lumo::Change const& change) {
-        auto const& key = *static_cast<PathSubscribeConfig const*>(change.key);
-        auto const held = Lumo::ptr_cast<SyncContainer>(containerAt(dir, key));
-        seen.push_back(held && held->pathSubscribeConfig() == key ? "in place" : "missing");
-    };
-    effective->pathSubscribeConfigIs(a);
-    effective->pathSubscribeConfigIs(b);
-    EXPECT_EQ(status->syncContainer(b), containerAt(dir, b));
-    effective->pathSubscribeConfigDel(a);
-    EXPECT_FALSE(containerAt(dir, a) || status->syncContainer(a));
-    EXPECT_TRUE(containerAt(dir, b));
-    effective->pathSubscribeConfigDel(b);
-    EXPECT_EQ(dir->entities(), 0u);
-    EXPECT_EQ(seen, Lines(4, "in place"));
-    EXPECT_EQ(traces.at(1), (Lines{traced("addContainer", a), traced("addContainer", b), traced("removeContainer", a),
-                                   traced("removeContainer", b)}));
-}
-
-TEST_F(SyncContainerSmTest, TheFirstSweepAddsWhatIsInForceAndRemovesWhatEnded) {
-    PathSubscribeConfig const a = subscription("a", 1), b = subscription("b", 2), ended = subscription("gone", 3);
-    effective->pathSubscribeConfigIs(a);
-    effective->pathSubscribeConfigIs(b);
-    status->syncContainerIs(placeContainer(dir, ended));
-    auto const sm = makeSm();
-    EXPECT_EQ(status->syncContainer().size(), 2u);
-    EXPECT_TRUE(status->syncContainer(a) == containerAt(dir, a) && status->syncContainer(b) == containerAt(dir, b));
-    EXPECT_FALSE(dir->entityPtr(ended.remoteAgentKey()));
-    EXPECT_EQ(traces.at(8), Lines{"SyncContainerSm::handlePathSubscribeConfig: "});
-    ChangeRecorder watcher(status);
-    sm->addContainer(a);
-    EXPECT_TRUE(watcher.changes.empty());
-}
-
-// What the directory or the container type refuses is traced, and the subscription goes without
-// a container; its end leaves alone the container that another subscription holds.
-TEST_F(SyncContainerSmTest, ASubscriptionThatGetsNoContainerLeavesEveryOtherAsItIs) {
-    auto const sm = makeSm();
-    PathSubscribeConfig const first = subscription("k", 1, "first"), second = subscription("k", 1, "second");
-    effective->pathSubscribeConfigIs(first);
-    Lumo::Ptr<Wex::Entity> const c = containerAt(dir, first);
-    effective->pathSubscribeConfigIs(second);
-    effective->pathSubscribeConfigIs(stubbornSubscription(2));
-    EXPECT_EQ(status->syncContainer().size(), 1u);
-    EXPECT_FALSE(dir->entityPtr(stubbornSubscription(2).remoteAgentKey()));
-    effective->pathSubscribeConfigDel(second);
-    EXPECT_EQ(containerAt(dir, first), c);
-    EXPECT_EQ(status->syncContainer(first), c);
-    EXPECT_EQ(traces.at(0), (Lines{traced("addContainer", second, " gets no container: re-instantiation of "
-                                                                  "'pathSubscribeConfig' with different values"),
-                                   traced("addContainer", stubbornSubscription(2), " gets no container: range error in attribute 'syncAttribute': cannot be reset"),
-                                   traced("removeContainer", second,
-                                          " names the container of remoteUri " + first.remoteUri().str() +
-                                              ", which keeps it")}));
-    // A container that vanished from its place: the record goes all the same.
-    Lumo::ptr_cast<Wex::Dir>(dir->entityPtr(first.remoteAgentKey()))->deleteEntity("k");
-    traces.clear();
-    effective->pathSubscribeConfigDel(first);
-    EXPECT_FALSE(status->syncContainer(first));
-    EXPECT_EQ(traces.at(0), Lines{"SyncContainerSm::removeContainer: check failed: nullptr != syncContainer && \"A "
-                                  "container must have been created before\" (localUri " + first.localUri().str() + ")"});
-}
-
-} // namespace
-} // namespace Kel::Q7Sync::Test
+}  // namespace
+}  // namespace Kel::Q7Sync::Test

@@ -56,26 +56,29 @@ protected:
             if (sm && sm->q7ListenStatus()) EXPECT_EQ(record->q7ListenStatus(), sm->q7ListenStatus());
         }
     }
-    void start() { sm = ListenSm::ListenSmIs(config, status); }
+    void start() { sm = listenSmFactory(config, status); }
     void set(ListenConfig const& c) { config->listenConfigIs(c); }
-    void listeningIs(ListenConfig const& c, bool on, char const* reason) { service().listeningIs(host(c), 0, on, reason); }
+    void look() { sm->handleListenConfig(); }
+    void listeningIs(ListenConfig const& c, bool on, char const* reason) {
+        service().listeningIs(host(c), 0, on, reason);
+    }
 
-    Lumo::Ptr<EffectiveListenConfig> config = EffectiveListenConfig::EffectiveListenConfigIs();
-    Lumo::Ptr<ListenStatus> status = ListenStatus::ListenStatusIs();
+    Lumo::Ptr<EffectiveListenConfig> config = effectiveListenConfigFactory();
+    Lumo::Ptr<ListenStatus> status = listenStatusFactory();
     Lumo::Ptr<ListenSm> sm;
 };
 
 TEST_F(ListenSmTest, AnEndpointIsOpenedKeptReplacedAndClosed) {
-    Lumo::Ptr<Q7ListenStatus const> first;
     run({{"configured before the reactor", [&] { set(x); }, {}, {}, std::nullopt},
-         {"opened by the new reactor", [&] { start(); first = sm->q7ListenStatus(); }, {listenCall(x)},
-          {opened(x), listening(true)}, x},
-         {"the same endpoint again", [&] { set(ListenConfig(x.hostAddr(), 0)); sm->handleListenConfig(); }, {}, {}, x},
+         {"opened by the reactor", [&] { start(); }, {listenCall(x)}, {opened(x), listening(true)}, x}});
+    Lumo::Ptr<Q7ListenStatus const> const first = sm->q7ListenStatus();
+    run({{"the same endpoint again", [&] { set(ListenConfig(x.hostAddr(), 0)); }, {}, {}, x},
+         {"looked at", [&] { look(); }, {}, {}, x},
          {"listening renewed", [&] { listeningIs(x, true, "renewed"); }, {}, {}, x},
          {"listening lost", [&] { listeningIs(x, false, "reset"); }, {}, {listening(false, "reset")}, x},
          {"still lost", [&] { listeningIs(x, false, "down"); }, {}, {}, x},
-         {"another endpoint", [&] { set(y); }, {closeCall(x), listenCall(y)}, {closed(x), opened(y), listening(true)}, y},
-         {"no endpoint", [&] { set(ListenConfig()); }, {closeCall(y)}, {closed(y)}, std::nullopt}});
+         {"another", [&] { set(y); }, {closeCall(x), listenCall(y)}, {closed(x), opened(y), listening(true)}, y},
+         {"none", [&] { set(ListenConfig()); }, {closeCall(y)}, {closed(y)}, std::nullopt}});
     EXPECT_EQ(first->publisher().subscribers(), 0u);
     EXPECT_EQ(sm->q7ListenStatus(), nullptr);
     EXPECT_EQ(service().endpoints(), 0u);
@@ -88,11 +91,11 @@ TEST_F(ListenSmTest, AnEndpointOpenedWithoutStatusIsReopenedUntilOneComes) {
     service().listenReturnsNoStatusIs(true);
     start();
     run({{"opened", [&] { set(x); }, {listenCall(x)}, {opened(x)}, x},
-         {"looked at", [&] { sm->handleListenConfig(); }, {closeCall(x), listenCall(x)}, {closed(x), opened(x)}, x},
+         {"looked at", [&] { look(); }, {closeCall(x), listenCall(x)}, {closed(x), opened(x)}, x},
          {"another", [&] { set(y); }, {closeCall(x), listenCall(y)}, {closed(x), opened(y)}, y},
-         {"a status comes", [&] { service().listenReturnsNoStatusIs(false); sm->handleListenConfig(); },
-          {closeCall(y), listenCall(y)}, {closed(y), opened(y), listening(true)}, y},
-         {"looked at again", [&] { sm->handleListenConfig(); }, {}, {}, y}});
+         {"statuses again", [&] { service().listenReturnsNoStatusIs(false); }, {}, {}, y},
+         {"looked at", [&] { look(); }, {closeCall(y), listenCall(y)}, {closed(y), opened(y), listening(true)}, y},
+         {"looked at again", [&] { look(); }, {}, {}, y}});
 }
 
 TEST_F(ListenSmTest, AMarkedOrSilencedReactorIgnoresNotificationsAndResumesFromItsRecord) {
@@ -101,18 +104,22 @@ TEST_F(ListenSmTest, AMarkedOrSilencedReactorIgnoresNotificationsAndResumesFromI
     takeCalls();
     traces.clear();
     Lumo::Ptr<Q7ListenStatus const> const held = sm->q7ListenStatus();
-    run({{"marked", [&] { sm->wexDoZombieReactors(true); set(y); }, {}, {}, x},
+    run({{"marked", [&] { sm->wexDoZombieReactors(true); }, {}, {}, x},
+         {"marked, another", [&] { set(y); }, {}, {}, x},
          {"marked, listening lost", [&] { listeningIs(x, false, "down"); }, {}, {}, x},
          {"marked, the status watched anew", [&] { sm->q7ListenStatusIs(sm->q7ListenStatusDel()); }, {}, {}, x},
-         {"unmarked, back to the endpoint open", [&] { sm->wexDoZombieReactors(false); set(x); }, {}, {}, x},
+         {"unmarked", [&] { sm->wexDoZombieReactors(false); }, {}, {}, x},
+         {"unmarked, back to the endpoint open", [&] { set(x); }, {}, {}, x},
          {"unmarked, listening back", [&] { listeningIs(x, true, "up"); }, {}, {listening(true, "up")}, x},
-         {"unwatched, then told to trace", [&] { sm->q7ListenStatusIs(nullptr); sm->handleListenStatus(); }, {}, {}, x},
+         {"unwatched", [&] { sm->q7ListenStatusIs(nullptr); }, {}, {}, x},
+         {"unwatched, told to trace", [&] { sm->handleListenStatus(); }, {}, {}, x},
          {"watched again", [&] { sm->q7ListenStatusIs(held); }, {}, {listening(true, "up")}, x},
-         {"silenced", [&] { sm->hasNotificationActiveIs(false); set(y); }, {}, {}, x},
+         {"silenced", [&] { sm->hasNotificationActiveIs(false); }, {}, {}, x},
+         {"silenced, another", [&] { set(y); }, {}, {}, x},
          {"silenced, listening lost", [&] { listeningIs(x, false, "gone"); }, {}, {}, x}});
     EXPECT_EQ(config->publisher().subscribers() + held->publisher().subscribers(), 0u);
-    run({{"heard again", [&] { sm->hasNotificationActiveIs(true); set(ListenConfig()); }, {closeCall(x)}, {closed(x)},
-          std::nullopt}});
+    run({{"heard again", [&] { sm->hasNotificationActiveIs(true); }, {}, {}, x},
+         {"none", [&] { set(ListenConfig()); }, {closeCall(x)}, {closed(x)}, std::nullopt}});
 }
 
 // A record is kept only for the same endpoint and the very same status; it is replaced by a
@@ -145,5 +152,5 @@ TEST(ListenStatusTest, ARecordIsKeptOnlyForTheSameEndpointAndStatus) {
     EXPECT_EQ(status->listenConfigStatus(), nullptr);
 }
 
-} // namespace
-} // namespace Kel::Q7Sync::Test
+}  // namespace
+}  // namespace Kel::Q7Sync::Test

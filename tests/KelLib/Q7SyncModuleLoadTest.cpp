@@ -100,4 +100,4 @@ TEST_F(ModuleLoadTest, ReflectionAloneBuildsTheSharedModuleAndUnloadingReleasesI
     EXPECT_EQ(q7->entities(), 3u);
 }
 
-} // namespace
+}  // namespace

@@ -34,26 +34,6 @@ private:
     static inline Lumo::Ptr<Module> shared_;
 };
 
-TEST_F(ModuleTest, GetReturnsTheOneModuleWithItsTreeAndEachCallTakesOneReference) {
-    Lumo::Ptr<Module> const first = Module::get();
-    std::uint32_t const held = first->references();
-    Lumo::Ptr<Module> second = Module::get();
-    EXPECT_EQ(second.ptr(), &shared());
-    EXPECT_EQ(first->references(), held + 1);
-    second = nullptr;
-    EXPECT_EQ(first->references(), held);
-    Lumo::Ptr<Wex::Dir> const q7 = globalQ7();
-    ASSERT_TRUE(q7);
-    EXPECT_EQ(shared().q7Dir(), q7);
-    EXPECT_EQ(childNames(*q7), kTree);
-    EXPECT_EQ(shared().localDir(), q7->entityPtr("local"));
-    EXPECT_EQ(shared().writeSyncDir(), q7->entityPtr("writeSync"));
-    EXPECT_EQ(shared().remoteDir(), q7->entityPtr("remote"));
-    EXPECT_EQ(shared().localDir()->entities() + shared().writeSyncDir()->entities(), 0u);
-    EXPECT_EQ(shared().listenSm()->listenConfig(), shared().effectiveListenConfig());
-    EXPECT_EQ(shared().listenSm()->listenStatus(), shared().listenStatus());
-}
-
 // The module releases its dedup table before its reactors: requests that clients still hold
 // stop being tracked, so their subscriptions end while the reactors can still undo them. Nothing
 // else goes: the endpoint stays open and the directories stay in the global directory.
@@ -161,8 +141,9 @@ TEST(ModuleConstructionTest, AConstructionThatThrowsLeavesNothingAndTheNextOneSu
     ASSERT_TRUE(impostor);
     std::size_t const entries = global->entities();
     long const live = Wex::PtrInterface::liveObjects();
-    for (auto const& build : {std::function<Lumo::Ptr<Module>()>(&Module::get), std::function<Lumo::Ptr<Module>()>(&Module::get),
-                              std::function<Lumo::Ptr<Module>()>(&moduleFactory)}) {
+    for (auto const& build :
+         {std::function<Lumo::Ptr<Module>()>(&Module::get), std::function<Lumo::Ptr<Module>()>(&Module::get),
+          std::function<Lumo::Ptr<Module>()>(&moduleFactory)}) {
         try {
             build();
             ADD_FAILURE() << "a module was built on a global directory whose 'q7' is not a directory";
@@ -185,5 +166,5 @@ TEST(ModuleConstructionTest, AConstructionThatThrowsLeavesNothingAndTheNextOneSu
     EXPECT_EQ(module->references(), held + 1);
 }
 
-} // namespace
-} // namespace Kel::Q7Sync::Test
+}  // namespace
+}  // namespace Kel::Q7Sync::Test

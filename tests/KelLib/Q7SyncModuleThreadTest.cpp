@@ -74,5 +74,5 @@ TEST(ModuleThreadTest, SixteenFirstCallersAtOnceShareOneModuleBuiltOnce) {
     for (int run = 0; run < kRuns; ++run) ASSERT_EQ(runFreshProcess(), 0) << "run " << run;
 }
 
-} // namespace
-} // namespace Kel::Q7Sync::Test
+}  // namespace
+}  // namespace Kel::Q7Sync::Test

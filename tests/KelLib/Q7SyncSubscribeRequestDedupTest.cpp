@@ -40,12 +40,13 @@ protected:
         return out;
     }
     static std::string removed(RequestPtr const& r, std::size_t remote, std::size_t local) {
-        return fmt::format("PathSubscribeRequestNotifiee::handleRequest: Remove subscribe config for ltn {} with "
-                           "remoteUri {} and requestCountForRemoteUri {} and requestCountForLocalUri {}",
-                           static_cast<void const*>(r->lifeTimeNotifier().ptr()), r->remoteUri(), remote, local);
+        return fmt::format(
+            "PathSubscribeRequestNotifiee::handleRequest: Remove subscribe config for ltn {} with "
+            "remoteUri {} and requestCountForRemoteUri {} and requestCountForLocalUri {}",
+            static_cast<void const*>(r->lifeTimeNotifier().ptr()), r->remoteUri(), remote, local);
     }
 
-    Lumo::Ptr<EffectiveSubscribeConfig> effective = EffectiveSubscribeConfig::EffectiveSubscribeConfigIs();
+    Lumo::Ptr<EffectiveSubscribeConfig> effective = effectiveSubscribeConfigFactory();
     Lumo::Ptr<PathSubscribeRequestNotifiee> notifiee = pathSubscribeRequestNotifieeFactory(effective);
     Lumo::Ptr<PathSubscribeRequestDedupTable> table = pathSubscribeRequestDedupTableFactory(notifiee);
     PathSubscribeConfig const a = config("r1", "l1");
@@ -56,10 +57,11 @@ TEST_F(RequestDedupTest, ALoneRequestIsInForceUntilItsLastHolderLetsGo) {
     ASSERT_TRUE(first && first->isDeduped() && first->lifeTimeNotifier());
     EXPECT_EQ(first->pathSubscribeConfig(), a);
     EXPECT_EQ(first->lifeTimeNotifier()->requestRawPtr(), first.ptr());
-    EXPECT_EQ(traces.at(8), (Lines{"PathSubscribeRequestNotifiee::drainPendingRequests: ",
-                                   fmt::format("PathSubscribeRequestNotifiee::handleRequest: Add subscribe config for "
-                                               "ltn {} with remoteUri {}",
-                                               static_cast<void const*>(first->lifeTimeNotifier().ptr()), a.remoteUri())}));
+    EXPECT_EQ(traces.at(8),
+              (Lines{"PathSubscribeRequestNotifiee::drainPendingRequests: ",
+                     fmt::format("PathSubscribeRequestNotifiee::handleRequest: Add subscribe config for "
+                                 "ltn {} with remoteUri {}",
+                                 static_cast<void const*>(first->lifeTimeNotifier().ptr()), a.remoteUri())}));
     RequestPtr second = table->dedup(config("r1", "l1"));
     EXPECT_EQ(second, first);
     EXPECT_EQ(table->dedupTable()->size(), 1u);
@@ -67,6 +69,7 @@ TEST_F(RequestDedupTest, ALoneRequestIsInForceUntilItsLastHolderLetsGo) {
     first = nullptr;
     EXPECT_EQ(inForce(), Lines{"r1/l1"});
     EXPECT_TRUE(traces.at(1).empty());
+    EXPECT_EQ(pathSubscribeRequestSetForUriFactory(a.remoteUri())->uri(), a.remoteUri());
     second = nullptr;
     EXPECT_TRUE(inForce().empty());
     EXPECT_EQ(takeRemovals(), Lines{removal});
@@ -108,7 +111,8 @@ TEST_F(RequestDedupTest, ARequestIsInForceExactlyWhileAloneOnBothItsUris) {
 TEST_F(RequestDedupTest, StoppingNotificationWithdrawsEveryConfigurationWhileRequestsAreReleased) {
     std::vector<RequestPtr> kept, dropped;
     for (int i = 0; i < 4; ++i)
-        (i % 2 ? kept : dropped).push_back(table->dedup(config(fmt::format("p{}", i).c_str(), fmt::format("k{}", i).c_str())));
+        (i % 2 ? kept : dropped)
+            .push_back(table->dedup(config(fmt::format("p{}", i).c_str(), fmt::format("k{}", i).c_str())));
     kept.push_back(table->dedup(config("q", "shared")));
     kept.push_back(table->dedup(config("q", "shared", ::Q7Sync::WexUtils::SEED())));
     ChangeRecorder watcher(effective);
@@ -141,7 +145,7 @@ TEST_F(RequestDedupTest, BrokenInvariantsAreTracedAtLevelZeroAndChangeNothing) {
     // Announced twice: the second insertion is refused and A stays filed once.
     notifiee->handleInsert(Lumo::Ptr<Oru::DedupHandleBase>(ra));
     // A request the notifiee never tracked leaves without touching the others.
-    notifiee->handleRemove(PathSubscribeRequest::PathSubscribeRequestIs(config("r2", "l2")).ptr());
+    notifiee->handleRemove(pathSubscribeRequestFactory(config("r2", "l2")).ptr());
     EXPECT_EQ(traces.at(0), (Lines{"PathSubscribeRequestNotifiee::trackRequest: request->lifeTimeNotifier() == nullptr",
                                    "PathSubscribeRequestNotifiee::handleRemove: lifeTimeNotifier != nullptr"}));
     EXPECT_EQ(notifiee->requestSetForRemoteUri().get(a.remoteUri())->requests(), 1u);
@@ -159,14 +163,8 @@ TEST_F(RequestDedupTest, ALifeTimeNotifierNamesItsOwnRequestOnlyAndAnotherTableT
     rb = nullptr;
     EXPECT_EQ(held->requestRawPtr(), nullptr);
     EXPECT_EQ(held->pathSubscribeConfig(), config("r2", "l2"));
-    using Null = Wex::NullArgumentException;
-    EXPECT_EQ(refusal<Null>([] { PathSubscribeRequestLifeTimeNotifier::PathSubscribeRequestLifeTimeNotifierIs(nullptr); }),
+    EXPECT_EQ(refusal<Wex::NullArgumentException>([] { pathSubscribeRequestLifeTimeNotifierFactory(nullptr); }),
               "handle");
-    EXPECT_EQ(refusal<Null>([] { PathSubscribeRequestDedupTable::PathSubscribeRequestDedupTableIs(nullptr); }),
-              "lifeTimeNotifiee");
-    EXPECT_EQ(refusal<Null>([&] { table->dedupTableIs(nullptr); }), "dedupTable");
-    EXPECT_EQ(refusal<Null>([] { PathSubscribeRequestNotifiee::PathSubscribeRequestNotifieeIs(nullptr); }),
-              "effectiveSubscribeConfig");
 
     Lumo::Ptr<Oru::DedupHashTable> const old = table->dedupTable();
     table->handleInitialized();
@@ -180,5 +178,5 @@ TEST_F(RequestDedupTest, ALifeTimeNotifierNamesItsOwnRequestOnlyAndAnotherTableT
     EXPECT_EQ(inForce(), Lines{"r1/l1"});
 }
 
-} // namespace
-} // namespace Kel::Q7Sync::Test
+}  // namespace
+}  // namespace Kel::Q7Sync::Test

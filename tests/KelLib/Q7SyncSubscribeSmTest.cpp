@@ -1,8 +1,10 @@
-// The subscribe reactor with its status reactors and record, the handler dispatch, and a
-// subscription from request to release through every reactor wired as the module wires them.
+// The subscription reactors: the container records and the container reactor, the subscribe
+// reactor with its status reactors and record, the handler dispatch, and a subscription from
+// request to release through every reactor wired as the module wires them.
 #include "KelLib/Q7SyncSubscribeSm.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "KelLib/Q7SyncSubscribeStatus.h"
 #include "support/SyncTestSupport.h"
@@ -38,17 +40,119 @@ protected:
         return c;
     }
 
-    Lumo::Ptr<EffectiveSubscribeConfig> effective = EffectiveSubscribeConfig::EffectiveSubscribeConfigIs();
-    Lumo::Ptr<SyncContainerStatus> status = SyncContainerStatus::SyncContainerStatusIs();
-    Lumo::Ptr<SubscribeStatus> subscribeStatus = SubscribeStatus::SubscribeStatusIs();
-    Lumo::Ptr<SyncContainerHandlerRegistry> registry = SyncContainerHandlerRegistry::SyncContainerHandlerRegistryIs();
+    Lumo::Ptr<EffectiveSubscribeConfig> effective = effectiveSubscribeConfigFactory();
+    Lumo::Ptr<SyncContainerStatus> status = syncContainerStatusFactory();
+    Lumo::Ptr<SubscribeStatus> subscribeStatus = subscribeStatusFactory();
+    Lumo::Ptr<SyncContainerHandlerRegistry> registry = syncContainerHandlerRegistryFactory();
     Lumo::Ptr<Wex::Dir> dir = freshDir();
     Lines log;
 };
 
+// Watched records go one by one, each told; unwatched ones all at once. The index by key follows.
+TEST_F(ReactorTest, DeletingAllRecordsTellsEachDeletionOnlyWhenWatched) {
+    PathSubscribeConfig const a = subscription("k", 1), b = subscription("k", 2), other = subscription("j", 1);
+    auto const ca = placeContainer(dir, a), cb = placeContainer(dir, b), co = placeContainer(dir, other);
+    for (bool watched : {true, false}) {
+        SCOPED_TRACE(watched);
+        Lumo::Ptr<SyncContainerStatus> const records = syncContainerStatusFactory();
+        EXPECT_EQ(refusal<Wex::NullArgumentException>([&] { records->syncContainerIs(nullptr); }), "syncContainer");
+        for (auto const& c : {ca, cb, co}) records->syncContainerIs(c);
+        EXPECT_EQ(records->syncContainerDel(b), cb);
+        EXPECT_EQ(records->syncContainersOfKey("k"), (std::vector<Lumo::Ptr<SyncContainer const>>{ca}));
+        std::optional<ChangeRecorder> watcher;
+        if (watched) watcher.emplace(records);
+        records->syncContainerDelAll();
+        EXPECT_TRUE(records->syncContainer().empty());
+        EXPECT_TRUE(records->syncContainersOfKey("k").empty() && records->syncContainersOfKey("j").empty());
+        if (watched) EXPECT_EQ(watcher->changes, Lines(2, std::to_string(SyncContainerStatus::kSyncContainer) + "~"));
+    }
+}
+
+class SyncContainerSmTest : public ReactorTest {
+protected:
+    Lumo::Ptr<SyncContainerSm> makeSm() { return syncContainerSmFactory(effective, status, dir); }
+    static std::string traced(char const* function, PathSubscribeConfig const& c, std::string const& rest = "") {
+        return fmt::format("SyncContainerSm::{}: localUri {}{}", function, c.localUri(), rest);
+    }
+};
+
+// The record comes after its container is in place and goes before the container does, so that
+// its watchers always find the container where it belongs; an agent's directory goes with its last.
+TEST_F(SyncContainerSmTest, ContainersFollowTheSubscriptionsInForceInTheirAgentsDirectory) {
+    auto const sm = makeSm();
+    PathSubscribeConfig const a = subscription("a"), b = subscription("b");
+    ChangeRecorder watcher(status);
+    Lines seen;
+    watcher.onChange = [&](Lumo::Change const& change) {
+        auto const& key = *static_cast<PathSubscribeConfig const*>(change.key);
+        auto const held = Lumo::ptr_cast<SyncContainer>(containerAt(dir, key));
+        seen.push_back(held && held->pathSubscribeConfig() == key ? "in place" : "missing");
+    };
+    effective->pathSubscribeConfigIs(a);
+    effective->pathSubscribeConfigIs(b);
+    EXPECT_EQ(status->syncContainer(b), containerAt(dir, b));
+    effective->pathSubscribeConfigDel(a);
+    EXPECT_FALSE(containerAt(dir, a) || status->syncContainer(a));
+    EXPECT_TRUE(containerAt(dir, b));
+    effective->pathSubscribeConfigDel(b);
+    EXPECT_EQ(dir->entities(), 0u);
+    EXPECT_EQ(seen, Lines(4, "in place"));
+    EXPECT_EQ(traces.at(1), (Lines{traced("addContainer", a), traced("addContainer", b), traced("removeContainer", a),
+                                   traced("removeContainer", b)}));
+}
+
+TEST_F(SyncContainerSmTest, TheFirstSweepAddsWhatIsInForceAndRemovesWhatEnded) {
+    PathSubscribeConfig const a = subscription("a", 1), b = subscription("b", 2), ended = subscription("gone", 3);
+    effective->pathSubscribeConfigIs(a);
+    effective->pathSubscribeConfigIs(b);
+    status->syncContainerIs(placeContainer(dir, ended));
+    auto const sm = makeSm();
+    EXPECT_EQ(status->syncContainer().size(), 2u);
+    EXPECT_TRUE(status->syncContainer(a) == containerAt(dir, a) && status->syncContainer(b) == containerAt(dir, b));
+    EXPECT_FALSE(dir->entityPtr(ended.remoteAgentKey()));
+    EXPECT_EQ(traces.at(8), Lines{"SyncContainerSm::handlePathSubscribeConfig: "});
+    ChangeRecorder watcher(status);
+    sm->addContainer(a);
+    EXPECT_TRUE(watcher.changes.empty());
+}
+
+// What the directory or the container type refuses is traced, and the subscription goes without
+// a container; its end leaves alone the container that another subscription holds.
+TEST_F(SyncContainerSmTest, ASubscriptionThatGetsNoContainerLeavesEveryOtherAsItIs) {
+    auto const sm = makeSm();
+    PathSubscribeConfig const first = subscription("k", 1, "first"), second = subscription("k", 1, "second");
+    effective->pathSubscribeConfigIs(first);
+    Lumo::Ptr<Wex::Entity> const c = containerAt(dir, first);
+    effective->pathSubscribeConfigIs(second);
+    // The text form carries no container type.
+    PathSubscribeConfig const untyped = Wex::fromString<PathSubscribeConfig>(valueToStrep(subscription("s", 2)));
+    effective->pathSubscribeConfigIs(untyped);
+    EXPECT_EQ(status->syncContainer().size(), 1u);
+    EXPECT_FALSE(dir->entityPtr(untyped.remoteAgentKey()));
+    effective->pathSubscribeConfigDel(second);
+    EXPECT_EQ(containerAt(dir, first), c);
+    EXPECT_EQ(status->syncContainer(first), c);
+    EXPECT_EQ(
+        traces.at(0),
+        (Lines{traced("addContainer", second,
+                      " gets no container: re-instantiation of "
+                      "'pathSubscribeConfig' with different values"),
+               traced("addContainer", untyped, " gets no container: null argument for attribute 'syncContainerType'"),
+               traced("removeContainer", second,
+                      " names the container of remoteUri " + first.remoteUri().str() + ", which keeps it")}));
+    // A container that vanished from its place: the record goes all the same.
+    Lumo::ptr_cast<Wex::Dir>(dir->entityPtr(first.remoteAgentKey()))->deleteEntity("k");
+    traces.clear();
+    effective->pathSubscribeConfigDel(first);
+    EXPECT_FALSE(status->syncContainer(first));
+    EXPECT_EQ(traces.at(0), Lines{"SyncContainerSm::removeContainer: check failed: nullptr != syncContainer && \"A "
+                                  "container must have been created before\" (localUri " +
+                                  first.localUri().str() + ")"});
+}
+
 class SubscribeSmTest : public ReactorTest {
 protected:
-    Lumo::Ptr<SubscribeSm> makeSm() { return SubscribeSm::SubscribeSmIs(effective, status, subscribeStatus); }
+    Lumo::Ptr<SubscribeSm> makeSm() { return subscribeSmFactory(effective, status, subscribeStatus); }
     // Subscribed on the service, recorded with the service's status and watched.
     bool subscribed(PathSubscribeConfig const& c) const {
         Lumo::Ptr<PathSubscribeStatus> const entry = subscribeStatus->pathSubscribeStatus(c);
@@ -136,8 +240,9 @@ TEST_F(SubscribeSmTest, ANullOrAnotherStatusIsRefusedWhileTheOtherWatchersStillH
     Lumo::Ptr<SyncStatus> const recorded = makeStatus(cfg.remoteUri().c_str());
     Lumo::Ptr<PathSubscribeStatus> const entry = subscribeStatus->pathSubscribeStatusIs(cfg, recorded);
     EXPECT_EQ(subscribeStatus->pathSubscribeStatusIs(cfg, recorded), entry);
-    EXPECT_EQ(refusal<Wex::ReInstantiationException>([&] { subscribeStatus->pathSubscribeStatusIs(cfg, makeStatus("x")); }),
-              "syncStatus");
+    EXPECT_EQ(
+        refusal<Wex::ReInstantiationException>([&] { subscribeStatus->pathSubscribeStatusIs(cfg, makeStatus("x")); }),
+        "syncStatus");
     record(cfg);
     EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg), entry);
     EXPECT_EQ(entry->syncStatus(), recorded);
@@ -196,7 +301,7 @@ TEST_F(SubscribeSmTest, StatusReactorsTraceEachNewStateWhileTheirOwnerIsUnmarked
 
 class HandlerDispatchTest : public ReactorTest {
 protected:
-    Lumo::Ptr<SyncContainerHandlerSm> makeSm() { return SyncContainerHandlerSm::SyncContainerHandlerSmIs(registry, status); }
+    Lumo::Ptr<SyncContainerHandlerSm> makeSm() { return syncContainerHandlerSmFactory(registry, status); }
     Lumo::Ptr<RecordingHandler> handler(char const* name) { return RecordingHandler::make(name, "k", &log); }
     Lines takeLog() { return std::exchange(log, {}); }
 
@@ -269,23 +374,14 @@ TEST_F(HandlerDispatchTest, AThrowingHandlerIsTracedAndTheDispatchGoesOn) {
 // Every reactor, in the module's order: dedup table, containers, dispatch, subscriptions.
 class SubscriptionFlowTest : public ReactorTest {
 protected:
-    SubscriptionFlowTest() {
-        registry->syncContainerHandlerIs(handler);
-        build();
-    }
-    void build() {
-        containerSm = SyncContainerSm::SyncContainerSmIs(effective, status, dir);
-        handlerSm = SyncContainerHandlerSm::SyncContainerHandlerSmIs(registry, status);
-        subscribeSm = SubscribeSm::SubscribeSmIs(effective, status, subscribeStatus);
-    }
+    SubscriptionFlowTest() { registry->syncContainerHandlerIs(handler); }
 
     Lumo::Ptr<RecordingHandler> handler = RecordingHandler::make("H", "k", &log);
     Lumo::Ptr<PathSubscribeRequestDedupTable> table =
-        PathSubscribeRequestDedupTable::PathSubscribeRequestDedupTableIs(
-            PathSubscribeRequestNotifiee::PathSubscribeRequestNotifieeIs(effective));
-    Lumo::Ptr<SyncContainerSm> containerSm;
-    Lumo::Ptr<SyncContainerHandlerSm> handlerSm;
-    Lumo::Ptr<SubscribeSm> subscribeSm;
+        pathSubscribeRequestDedupTableFactory(pathSubscribeRequestNotifieeFactory(effective));
+    Lumo::Ptr<SyncContainerSm> containerSm = syncContainerSmFactory(effective, status, dir);
+    Lumo::Ptr<SyncContainerHandlerSm> handlerSm = syncContainerHandlerSmFactory(registry, status);
+    Lumo::Ptr<SubscribeSm> subscribeSm = subscribeSmFactory(effective, status, subscribeStatus);
     PathSubscribeConfig const cfg = subscription("k");
 };
 
@@ -309,19 +405,21 @@ TEST_F(SubscriptionFlowTest, ASubscriptionFromRequestToReleaseGoesThroughEveryRe
     };
     ChangeRecorder lastWatcher(status);  // joins after the subscribe reactor
     lastWatcher.onChange = [&](Lumo::Change const&) {
-        log.push_back(calls() == Calls{unsubscribeCall(cfg)} && containerAt(dir, cfg) ? "unsubscribed in place" : "late");
+        log.push_back(calls() == Calls{unsubscribeCall(cfg)} && containerAt(dir, cfg) ? "unsubscribed in place"
+                                                                                      : "late");
     };
     void const* const ltn = request->lifeTimeNotifier().ptr();
     traces.clear();
     request = nullptr;
     EXPECT_EQ(log, (Lines{given("H", cfg), withdrawn("H", cfg), "withdrawn in place", "unsubscribed in place"}));
     EXPECT_EQ(takeCalls(), Calls{unsubscribeCall(cfg)});
-    EXPECT_EQ(traces.at(1), (Lines{fmt::format("PathSubscribeRequestNotifiee::handleRequest: Remove subscribe config for "
-                                               "ltn {} with remoteUri {} and requestCountForRemoteUri 0 and "
-                                               "requestCountForLocalUri 0",
-                                               ltn, cfg.remoteUri()),
-                                   "SyncContainerSm::removeContainer: localUri " + cfg.localUri().str(),
-                                   "SubscribeSm::unsubscribe: remoteUri=" + cfg.remoteUri().str()}));
+    EXPECT_EQ(traces.at(1),
+              (Lines{fmt::format("PathSubscribeRequestNotifiee::handleRequest: Remove subscribe config for "
+                                 "ltn {} with remoteUri {} and requestCountForRemoteUri 0 and "
+                                 "requestCountForLocalUri 0",
+                                 ltn, cfg.remoteUri()),
+                     "SyncContainerSm::removeContainer: localUri " + cfg.localUri().str(),
+                     "SubscribeSm::unsubscribe: remoteUri=" + cfg.remoteUri().str()}));
     EXPECT_FALSE(dir->entityPtr(cfg.remoteAgentKey()));
     EXPECT_TRUE(handler->held.empty());
     EXPECT_TRUE(status->syncContainer().empty());
@@ -329,24 +427,5 @@ TEST_F(SubscriptionFlowTest, ASubscriptionFromRequestToReleaseGoesThroughEveryRe
     EXPECT_TRUE(subscribeSm->wexQ7SyncStatus().empty());
 }
 
-TEST_F(SubscriptionFlowTest, ReactorsRebuiltOverExistingStateKeepItAsItIs) {
-    Lumo::Ptr<PathSubscribeRequest> const request = table->dedup(cfg);
-    Lumo::Ptr<Wex::Entity> const container = containerAt(dir, cfg);
-    subscribeSm = nullptr;
-    handlerSm = nullptr;
-    containerSm = nullptr;
-    EXPECT_TRUE(handler->held.empty());
-    EXPECT_EQ(status->syncContainer(cfg), container);
-    EXPECT_TRUE(subscribeStatus->pathSubscribeStatus(cfg));
-    EXPECT_EQ(service().subscriptions(), 1u);
-    takeCalls();
-    build();
-    EXPECT_EQ(containerAt(dir, cfg), container);
-    EXPECT_EQ(handler->held.size(), 1u);
-    // The sweep meets the subscription as recorded and again as in force.
-    EXPECT_EQ(takeCalls(), (Calls{subscribeCall(cfg), subscribeCall(cfg)}));
-    EXPECT_EQ(subscribeSm->wexQ7SyncStatus().size(), 1u);
-}
-
-} // namespace
-} // namespace Kel::Q7Sync::Test
+}  // namespace
+}  // namespace Kel::Q7Sync::Test

@@ -64,4 +64,4 @@ inline bool inFreshProcess() {
     return false;
 }
 
-} // namespace Kel::Q7Sync::Test
+}  // namespace Kel::Q7Sync::Test

@@ -53,7 +53,8 @@ inline Lumo::Ptr<Wex::Dir> freshDir(char const* name = "remote") {
 
 // The container of config made in its place, dir / remoteAgentKey / syncContainerKey.
 inline Lumo::Ptr<SyncContainer> placeContainer(Lumo::Ptr<Wex::Dir> const& dir, PathSubscribeConfig const& config) {
-    return SyncContainer::create(Lumo::ptr_cast<Wex::Dir>(dir->createEntity("Wex::Dir", config.remoteAgentKey())), config);
+    return SyncContainer::create(Lumo::ptr_cast<Wex::Dir>(dir->createEntity("Wex::Dir", config.remoteAgentKey())),
+                                 config);
 }
 
 // The container at dir / remoteAgentKey / syncContainerKey of config, or null.
@@ -136,7 +137,8 @@ public:
     Lines at(unsigned level, std::string_view handle = "KelQ7SyncSubscribeSm") const {
         Lines out;
         for (Memtrail::Record const* r : records_.records(level))
-            if (r->handle() == handle) out.push_back(fmt::format("{}::{}: {}", r->className(), r->function(), r->message()));
+            if (r->handle() == handle)
+                out.push_back(fmt::format("{}::{}: {}", r->className(), r->function(), r->message()));
         return out;
     }
     void clear() { records_.clear(); }
@@ -181,4 +183,4 @@ private:
     long liveBefore_;
 };
 
-} // namespace Kel::Q7Sync::Test
+}  // namespace Kel::Q7Sync::Test
