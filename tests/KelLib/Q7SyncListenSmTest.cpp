@@ -53,7 +53,9 @@ protected:
             ASSERT_EQ(record != nullptr, s.recorded.has_value());
             if (!record) continue;
             EXPECT_EQ(record->listenConfig(), *s.recorded);
-            if (sm && sm->q7ListenStatus()) EXPECT_EQ(record->q7ListenStatus(), sm->q7ListenStatus());
+            if (sm && sm->q7ListenStatus()) {
+                EXPECT_EQ(record->q7ListenStatus(), sm->q7ListenStatus());
+            }
         }
     }
     void start() { sm = listenSmFactory(config, status); }

@@ -102,6 +102,8 @@ TEST_F(RequestDedupTest, ARequestIsInForceExactlyWhileAloneOnBothItsUris) {
     rd = nullptr;
     EXPECT_TRUE(inForce().empty());
     EXPECT_EQ(notifiee->requestSetForRemoteUri().get(a.remoteUri())->requests(), 2u);
+    EXPECT_EQ(notifiee->requestSetForRemoteUris(), 2u);  // r1, r2
+    EXPECT_EQ(notifiee->requestSetForLocalUris(), 2u);   // l2, l3
     rx = nullptr;
     EXPECT_EQ(inForce(), (Lines{"r1/l3", "r2/l2"}));
 }

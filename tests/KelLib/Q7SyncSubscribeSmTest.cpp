@@ -64,7 +64,9 @@ TEST_F(ReactorTest, DeletingAllRecordsTellsEachDeletionOnlyWhenWatched) {
         records->syncContainerDelAll();
         EXPECT_TRUE(records->syncContainer().empty());
         EXPECT_TRUE(records->syncContainersOfKey("k").empty() && records->syncContainersOfKey("j").empty());
-        if (watched) EXPECT_EQ(watcher->changes, Lines(2, std::to_string(SyncContainerStatus::kSyncContainer) + "~"));
+        if (watched) {
+            EXPECT_EQ(watcher->changes, Lines(2, std::to_string(SyncContainerStatus::kSyncContainer) + "~"));
+        }
     }
 }
 
