@@ -23,7 +23,7 @@ constexpr int kRuns = 20;
 std::size_t constructionsRecorded(Memtrail::Handle const& records) {
     std::size_t n = 0;
     for (Memtrail::Record const* r : records.records(8))
-        if (r->className() == "SyncContainerSm" && r->function() == "handlePathSubscribeConfig") ++n;
+        n += r->className() == "SyncContainerSm" && r->function() == "handlePathSubscribeConfig";
     return n;
 }
 
@@ -34,9 +34,9 @@ void raceForTheFirstModule() {
     (void)Wex::System::globalDir();  // the root directory is not the module's
     long const liveBefore = Wex::PtrInterface::liveObjects();
 
+    // Each caller also reads the built module: one that found it already there must see it
+    // whole, as the one that built it left it.
     std::array<Lumo::Ptr<Module>, kCallers> got;
-    // What each caller sees of the built module: a caller that found it already there must see
-    // it whole, as the one that built it left it.
     std::array<Wex::Dir const*, kCallers> seen{};
     std::latch start(kCallers);
     std::vector<std::thread> callers;
@@ -47,36 +47,32 @@ void raceForTheFirstModule() {
             seen[i] = got[i]->remoteDir().ptr();
         });
     for (auto& t : callers) t.join();
-
     ASSERT_TRUE(got[0]);
-    for (int i = 1; i < kCallers; ++i) EXPECT_EQ(got[i], got[0]) << "caller " << i;
-    for (int i = 0; i < kCallers; ++i) EXPECT_EQ(seen[i], got[0]->remoteDir().ptr()) << "caller " << i;
+    for (int i = 0; i < kCallers; ++i) {
+        EXPECT_EQ(got[i], got[0]) << "caller " << i;
+        EXPECT_EQ(seen[i], got[0]->remoteDir().ptr()) << "caller " << i;
+    }
     EXPECT_EQ(got[0]->references(), std::uint32_t(kCallers) + 1) << "one reference per caller and the shared one";
     EXPECT_EQ(constructionsRecorded(records), 1u);
-    long const liveShared = Wex::PtrInterface::liveObjects();
 
     // A second module shares the four directories: what else it makes is what one module is.
     // Had two shared modules been built and both kept, the first count would be twice as large.
+    long const liveShared = Wex::PtrInterface::liveObjects();
     {
         Lumo::Ptr<Module> other = moduleFactory();
-        long const perModule = Wex::PtrInterface::liveObjects() - liveShared;
-        EXPECT_EQ(liveShared - liveBefore, perModule + 4);
+        EXPECT_EQ(liveShared - liveBefore, Wex::PtrInterface::liveObjects() - liveShared + 4);
     }
     EXPECT_EQ(constructionsRecorded(records), 2u);
-
     for (auto& p : got) p = nullptr;
     EXPECT_EQ(Module::get()->references(), 2u);
     Memtrail::defaultHandleIs(previous);
 }
 
 TEST(ModuleThreadTest, SixteenFirstCallersAtOnceShareOneModuleBuiltOnce) {
-    if (isFreshProcess()) {
-        raceForTheFirstModule();
-        return;
-    }
+    if (isFreshProcess()) return raceForTheFirstModule();
     // Every run needs a process in which no module exists yet.
     for (int run = 0; run < kRuns; ++run) ASSERT_EQ(runFreshProcess(), 0) << "run " << run;
 }
 
-} // namespace
-} // namespace Kel::Q7Sync::Test
+}  // namespace
+}  // namespace Kel::Q7Sync::Test

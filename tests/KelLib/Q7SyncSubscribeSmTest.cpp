@@ -1,12 +1,12 @@
-// The subscribe state machine, its status reactors and the SubscribeStatus record.
+// The subscription reactors: the container records and the container reactor, the subscribe
+// reactor with its status reactors and record, the handler dispatch, and a subscription from
+// request to release through every reactor wired as the module wires them.
 #include "KelLib/Q7SyncSubscribeSm.h"
 
 #include <algorithm>
-
-#include <gtest/gtest.h>
+#include <optional>
 
 #include "KelLib/Q7SyncSubscribeStatus.h"
-#include "Oru/WeakRef.h"
 #include "support/SyncTestSupport.h"
 
 namespace Kel::Q7Sync::Test {
@@ -15,354 +15,419 @@ namespace {
 using Q7Serdes::WexUtils::SyncStatus;
 using Q7Serdes::WexUtils::SyncStatusEnum;
 using Q7SyncStatusSm = SubscribeSm::Q7SyncStatusSm;
-using Calls = std::vector<::Q7Sync::Service::Call>;
 
 Lumo::Ptr<SyncStatus> makeStatus(char const* uri) {
     Lumo::Ptr<SyncStatus> s(new SyncStatus(uri, "/local"));
     s->hasNotificationActiveIs(true);
     return s;
 }
-
-std::string statusTrace(PathSubscribeConfig const& c, char const* status, char const* reason) {
-    return fmt::format("Q7SyncStatusSm::handleSyncStatus: Q7SyncStatus for {} changed to {} with reason {}", c.remoteUri(),
+std::string statusTrace(Lumo::String const& uri, char const* status, char const* reason) {
+    return fmt::format("Q7SyncStatusSm::handleSyncStatus: Q7SyncStatus for {} changed to {} with reason {}", uri,
                        status, reason);
 }
+std::string subscribeTrace(PathSubscribeConfig const& c) {
+    return fmt::format("SubscribeSm::subscribe: remoteUri={}, localUri={}, flags={}", c.remoteUri(), c.localUri(),
+                       c.flags());
+}
 
-class SubscribeSmTest : public SyncFixture {
+// The entities the reactors work on, as the module makes them.
+class ReactorTest : public SyncFixture {
 protected:
-    Lumo::Ptr<SubscribeSm> makeSm() { return SubscribeSm::SubscribeSmIs(effective, status, subscribeStatus); }
-    // Records the container of cfg as the container state machine would.
-    void record(PathSubscribeConfig const& cfg) { status->syncContainerIs(placeContainer(dir, cfg)); }
-    bool subscribed(PathSubscribeConfig const& cfg) const {
-        return subscribeStatus->pathSubscribeStatus(cfg) && sm->q7SyncStatus(cfg.remoteUri());
+    // Records the container of cfg as the container reactor would.
+    Lumo::Ptr<SyncContainer> record(PathSubscribeConfig const& cfg) {
+        Lumo::Ptr<SyncContainer> c = placeContainer(dir, cfg);
+        status->syncContainerIs(c);
+        return c;
     }
 
-    Lumo::Ptr<EffectiveSubscribeConfig> effective = EffectiveSubscribeConfig::EffectiveSubscribeConfigIs();
-    Lumo::Ptr<SyncContainerStatus> status = SyncContainerStatus::SyncContainerStatusIs();
-    Lumo::Ptr<SubscribeStatus> subscribeStatus = SubscribeStatus::SubscribeStatusIs();
+    Lumo::Ptr<EffectiveSubscribeConfig> effective = effectiveSubscribeConfigFactory();
+    Lumo::Ptr<SyncContainerStatus> status = syncContainerStatusFactory();
+    Lumo::Ptr<SubscribeStatus> subscribeStatus = subscribeStatusFactory();
+    Lumo::Ptr<SyncContainerHandlerRegistry> registry = syncContainerHandlerRegistryFactory();
     Lumo::Ptr<Wex::Dir> dir = freshDir();
+    Lines log;
+};
+
+// Watched records go one by one, each told; unwatched ones all at once. The index by key follows.
+TEST_F(ReactorTest, DeletingAllRecordsTellsEachDeletionOnlyWhenWatched) {
+    PathSubscribeConfig const a = subscription("k", 1), b = subscription("k", 2), other = subscription("j", 1);
+    auto const ca = placeContainer(dir, a), cb = placeContainer(dir, b), co = placeContainer(dir, other);
+    for (bool watched : {true, false}) {
+        SCOPED_TRACE(watched);
+        Lumo::Ptr<SyncContainerStatus> const records = syncContainerStatusFactory();
+        EXPECT_EQ(refusal<Wex::NullArgumentException>([&] { records->syncContainerIs(nullptr); }), "syncContainer");
+        for (auto const& c : {ca, cb, co}) records->syncContainerIs(c);
+        EXPECT_EQ(records->syncContainerDel(b), cb);
+        EXPECT_EQ(records->syncContainersOfKey("k"), (std::vector<Lumo::Ptr<SyncContainer const>>{ca}));
+        std::optional<ChangeRecorder> watcher;
+        if (watched) watcher.emplace(records);
+        records->syncContainerDelAll();
+        EXPECT_TRUE(records->syncContainer().empty());
+        EXPECT_TRUE(records->syncContainersOfKey("k").empty() && records->syncContainersOfKey("j").empty());
+        if (watched) {
+            EXPECT_EQ(watcher->changes, Lines(2, std::to_string(SyncContainerStatus::kSyncContainer) + "~"));
+        }
+    }
+}
+
+class SyncContainerSmTest : public ReactorTest {
+protected:
+    Lumo::Ptr<SyncContainerSm> makeSm() { return syncContainerSmFactory(effective, status, dir); }
+    static std::string traced(char const* function, PathSubscribeConfig const& c, std::string const& rest = "") {
+        return fmt::format("SyncContainerSm::{}: localUri {}{}", function, c.localUri(), rest);
+    }
+};
+
+// The record comes after its container is in place and goes before the container does, so that
+// its watchers always find the container where it belongs; an agent's directory goes with its last.
+TEST_F(SyncContainerSmTest, ContainersFollowTheSubscriptionsInForceInTheirAgentsDirectory) {
+    auto const sm = makeSm();
+    PathSubscribeConfig const a = subscription("a"), b = subscription("b");
+    ChangeRecorder watcher(status);
+    Lines seen;
+    watcher.onChange = [&](Lumo::Change const& change) {
+        auto const& key = *static_cast<PathSubscribeConfig const*>(change.key);
+        auto const held = Lumo::ptr_cast<SyncContainer>(containerAt(dir, key));
+        seen.push_back(held && held->pathSubscribeConfig() == key ? "in place" : "missing");
+    };
+    effective->pathSubscribeConfigIs(a);
+    effective->pathSubscribeConfigIs(b);
+    EXPECT_EQ(status->syncContainer(b), containerAt(dir, b));
+    effective->pathSubscribeConfigDel(a);
+    EXPECT_FALSE(containerAt(dir, a) || status->syncContainer(a));
+    EXPECT_TRUE(containerAt(dir, b));
+    effective->pathSubscribeConfigDel(b);
+    EXPECT_EQ(dir->entities(), 0u);
+    EXPECT_EQ(seen, Lines(4, "in place"));
+    EXPECT_EQ(traces.at(1), (Lines{traced("addContainer", a), traced("addContainer", b), traced("removeContainer", a),
+                                   traced("removeContainer", b)}));
+}
+
+TEST_F(SyncContainerSmTest, TheFirstSweepAddsWhatIsInForceAndRemovesWhatEnded) {
+    PathSubscribeConfig const a = subscription("a", 1), b = subscription("b", 2), ended = subscription("gone", 3);
+    effective->pathSubscribeConfigIs(a);
+    effective->pathSubscribeConfigIs(b);
+    status->syncContainerIs(placeContainer(dir, ended));
+    auto const sm = makeSm();
+    EXPECT_EQ(status->syncContainer().size(), 2u);
+    EXPECT_TRUE(status->syncContainer(a) == containerAt(dir, a) && status->syncContainer(b) == containerAt(dir, b));
+    EXPECT_FALSE(dir->entityPtr(ended.remoteAgentKey()));
+    EXPECT_EQ(traces.at(8), Lines{"SyncContainerSm::handlePathSubscribeConfig: "});
+    ChangeRecorder watcher(status);
+    sm->addContainer(a);
+    EXPECT_TRUE(watcher.changes.empty());
+}
+
+// What the directory or the container type refuses is traced, and the subscription goes without
+// a container; its end leaves alone the container that another subscription holds.
+TEST_F(SyncContainerSmTest, ASubscriptionThatGetsNoContainerLeavesEveryOtherAsItIs) {
+    auto const sm = makeSm();
+    PathSubscribeConfig const first = subscription("k", 1, "first"), second = subscription("k", 1, "second");
+    effective->pathSubscribeConfigIs(first);
+    Lumo::Ptr<Wex::Entity> const c = containerAt(dir, first);
+    effective->pathSubscribeConfigIs(second);
+    // The text form carries no container type.
+    PathSubscribeConfig const untyped = Wex::fromString<PathSubscribeConfig>(valueToStrep(subscription("s", 2)));
+    effective->pathSubscribeConfigIs(untyped);
+    EXPECT_EQ(status->syncContainer().size(), 1u);
+    EXPECT_FALSE(dir->entityPtr(untyped.remoteAgentKey()));
+    effective->pathSubscribeConfigDel(second);
+    EXPECT_EQ(containerAt(dir, first), c);
+    EXPECT_EQ(status->syncContainer(first), c);
+    EXPECT_EQ(
+        traces.at(0),
+        (Lines{traced("addContainer", second,
+                      " gets no container: re-instantiation of "
+                      "'pathSubscribeConfig' with different values"),
+               traced("addContainer", untyped, " gets no container: null argument for attribute 'syncContainerType'"),
+               traced("removeContainer", second,
+                      " names the container of remoteUri " + first.remoteUri().str() + ", which keeps it")}));
+    // A container that vanished from its place: the record goes all the same.
+    Lumo::ptr_cast<Wex::Dir>(dir->entityPtr(first.remoteAgentKey()))->deleteEntity("k");
+    traces.clear();
+    effective->pathSubscribeConfigDel(first);
+    EXPECT_FALSE(status->syncContainer(first));
+    EXPECT_EQ(traces.at(0), Lines{"SyncContainerSm::removeContainer: check failed: nullptr != syncContainer && \"A "
+                                  "container must have been created before\" (localUri " +
+                                  first.localUri().str() + ")"});
+}
+
+class SubscribeSmTest : public ReactorTest {
+protected:
+    Lumo::Ptr<SubscribeSm> makeSm() { return subscribeSmFactory(effective, status, subscribeStatus); }
+    // Subscribed on the service, recorded with the service's status and watched.
+    bool subscribed(PathSubscribeConfig const& c) const {
+        Lumo::Ptr<PathSubscribeStatus> const entry = subscribeStatus->pathSubscribeStatus(c);
+        Lumo::Ptr<SyncStatus> const live = service().syncStatus(c.remoteUri().view());
+        return live && entry && entry->syncStatus() == live && sm->q7SyncStatus(c.remoteUri()) == live;
+    }
+    void statusIs(SyncStatusEnum s, char const* reason) { service().syncStatusIs(cfg.remoteUri().view(), s, reason); }
+
     Lumo::Ptr<SubscribeSm> sm;
     PathSubscribeConfig const cfg = subscription("k");
 };
 
-TEST_F(SubscribeSmTest, SubscribesOnceBothConfigAndContainerArePresent) {
-    sm = makeSm();
-    effective->pathSubscribeConfigIs(cfg);
-    EXPECT_TRUE(calls().empty());
-    record(cfg);
-    EXPECT_EQ(calls(), Calls{subscribeCall(cfg)});
-    EXPECT_EQ(subscribeStatus->pathSubscribeStatus().size(), 1u);
-    EXPECT_EQ(sm->wexQ7SyncStatus().size(), 1u);
-    EXPECT_EQ(sm->q7SyncStatus(cfg.remoteUri()), service().syncStatus(cfg.remoteUri()));
-    EXPECT_EQ(traces.at(1), (std::vector<std::string>{fmt::format("SubscribeSm::subscribe: remoteUri={}, localUri={}, flags={}",
-                                                                  cfg.remoteUri(), cfg.localUri(), cfg.flags())}));
-}
-
-TEST_F(SubscribeSmTest, ContainerWithoutConfigCallsNothing) {
+TEST_F(SubscribeSmTest, ASubscriptionIsSubscribedWhileInForceWithItsContainerRecorded) {
     sm = makeSm();
     record(cfg);
     status->syncContainerDel(cfg);
-    EXPECT_TRUE(calls().empty());
-}
-
-TEST_F(SubscribeSmTest, LeavingTheConfigUnsubscribesOnceAndTheContainersRemovalAfterDoesNothing) {
-    sm = makeSm();
     effective->pathSubscribeConfigIs(cfg);
+    EXPECT_TRUE(takeCalls().empty()) << "a container alone, then a configuration alone";
     record(cfg);
-    service().callsDelAll();
+    EXPECT_EQ(takeCalls(), Calls{subscribeCall(cfg)});
+    EXPECT_TRUE(subscribed(cfg));
+    EXPECT_EQ(traces.at(1), Lines{subscribeTrace(cfg)});
+    status->syncContainerDel(cfg);
+    EXPECT_EQ(takeCalls(), Calls{unsubscribeCall(cfg)});
+    EXPECT_FALSE(subscribeStatus->pathSubscribeStatus(cfg) || sm->q7SyncStatus(cfg.remoteUri()));
+    record(cfg);
+    EXPECT_EQ(takeCalls(), Calls{subscribeCall(cfg)});
     effective->pathSubscribeConfigDel(cfg);
     status->syncContainerDel(cfg);
-    EXPECT_EQ(calls(), Calls{unsubscribeCall(cfg)});
-    EXPECT_FALSE(subscribed(cfg));
+    EXPECT_EQ(takeCalls(), Calls{unsubscribeCall(cfg)});
+    EXPECT_TRUE(subscribeStatus->pathSubscribeStatus().empty());
     EXPECT_TRUE(sm->wexQ7SyncStatus().empty());
 }
 
-TEST_F(SubscribeSmTest, LosingOnlyTheContainerUnsubscribesAndRecordingItAgainResubscribes) {
-    sm = makeSm();
-    effective->pathSubscribeConfigIs(cfg);
-    record(cfg);
-    status->syncContainerDel(cfg);
-    EXPECT_FALSE(subscribed(cfg));
-    record(cfg);
-    EXPECT_EQ(calls(), (Calls{subscribeCall(cfg), unsubscribeCall(cfg), subscribeCall(cfg)}));
-    EXPECT_TRUE(subscribed(cfg));
-}
-
-TEST_F(SubscribeSmTest, ContainerMadeInsideTheConfigNotificationSubscribesTwiceWithoutStatusTrace) {
-    // As in the module: the container state machine joins the configuration first.
-    auto containers = SyncContainerSm::SyncContainerSmIs(effective, status, dir);
-    sm = makeSm();
-    effective->pathSubscribeConfigIs(cfg);
-    EXPECT_EQ(calls(), (Calls{subscribeCall(cfg), subscribeCall(cfg)}));
-    auto const level1 = traces.at(1);
-    EXPECT_EQ(std::count_if(level1.begin(), level1.end(), [](auto const& l) { return l.starts_with("SubscribeSm::subscribe"); }), 2);
-    EXPECT_EQ(std::count_if(level1.begin(), level1.end(), [](auto const& l) { return l.starts_with("Q7SyncStatusSm"); }), 0);
-    EXPECT_EQ(subscribeStatus->pathSubscribeStatus().size(), 1u);
-    EXPECT_EQ(sm->wexQ7SyncStatus().size(), 1u);
-}
-
-TEST_F(SubscribeSmTest, ConstructionSweepSubscribesWantedAndUnsubscribesStaleEntries) {
+TEST_F(SubscribeSmTest, TheFirstSweepSubscribesWhatIsWantedAndUnsubscribesStaleRecords) {
     PathSubscribeConfig const other = subscription("j", 2), stale = subscription("stale", 3);
-    effective->pathSubscribeConfigIs(cfg);
-    effective->pathSubscribeConfigIs(other);
-    record(cfg);
-    record(other);
+    for (PathSubscribeConfig const& c : {cfg, other}) {
+        effective->pathSubscribeConfigIs(c);
+        record(c);
+    }
     subscribeStatus->pathSubscribeStatusIs(stale, makeStatus("stale"));
     sm = makeSm();
-    auto const made = calls();
-    EXPECT_EQ(made.size(), 3u);
-    EXPECT_EQ(std::count(made.begin(), made.end(), unsubscribeCall(stale)), 1);
+    Calls made = takeCalls();
+    std::sort(made.begin(), made.end(), [](auto const& a, auto const& b) { return a.arguments < b.arguments; });
+    EXPECT_EQ(made, (Calls{subscribeCall(cfg), subscribeCall(other), unsubscribeCall(stale)}));
     EXPECT_TRUE(subscribed(cfg) && subscribed(other));
     EXPECT_FALSE(subscribeStatus->pathSubscribeStatus(stale));
-    EXPECT_EQ(traces.at(8), (std::vector<std::string>{"SubscribeSm::handlePathSubscribeConfig: "}));
-}
-
-TEST_F(SubscribeSmTest, DestructionCallsNothingLeavesTheRecordAndSilencesItsStatusReactors) {
-    sm = makeSm();
-    effective->pathSubscribeConfigIs(cfg);
-    record(cfg);
-    Lumo::Ptr<Q7SyncStatusSm> reactor = sm->wexQ7SyncStatus(cfg.remoteUri());
-    service().callsDelAll();
-    sm = nullptr;
-    EXPECT_TRUE(calls().empty());
-    EXPECT_TRUE(subscribeStatus->pathSubscribeStatus(cfg));
-    EXPECT_EQ(reactor->subscribeSm(), nullptr);
-    EXPECT_TRUE(reactor->zombie());
-    service().syncStatusIs(cfg.remoteUri().view(), SyncStatusEnum::inSync, "up");
-    EXPECT_EQ(traces.at(1).size(), 1u);  // the subscribe trace only
-}
-
-TEST_F(SubscribeSmTest, MarkedReactorIgnoresChangesAndMarksItsStatusReactors) {
-    sm = makeSm();
-    effective->pathSubscribeConfigIs(cfg);
-    record(cfg);
-    sm->wexDoZombieReactors(true);
-    effective->pathSubscribeConfigDel(cfg);
-    EXPECT_TRUE(subscribed(cfg));
-    traces.clear();
-    service().syncStatusIs(cfg.remoteUri().view(), SyncStatusEnum::inSync, "up");
-    EXPECT_TRUE(traces.at(1).empty());
-    sm->wexDoZombieReactors(false);
-    service().syncStatusIs(cfg.remoteUri().view(), SyncStatusEnum::failed, "down");
-    EXPECT_EQ(traces.at(1), (std::vector<std::string>{statusTrace(cfg, "failed", "down")}));
-}
-
-TEST_F(SubscribeSmTest, NullArgumentsAreRefusedChangingNothing) {
-    EXPECT_THROW(SubscribeSm::SubscribeSmIs(nullptr, status, subscribeStatus), Wex::NullArgumentException);
-    EXPECT_THROW(SubscribeSm::SubscribeSmIs(effective, status, nullptr), Wex::NullArgumentException);
-    EXPECT_EQ(effective->publisher().subscribers(), 0u);
-    sm = makeSm();
-    try {
-        sm->q7SyncStatusIs(nullptr);
-        FAIL() << "null accepted";
-    } catch (Wex::NullArgumentException const& e) {
-        EXPECT_EQ(e.attribute(), "q7SyncStatus");
-    }
-    EXPECT_TRUE(sm->wexQ7SyncStatus().empty());
+    EXPECT_EQ(traces.at(8), Lines{"SubscribeSm::handlePathSubscribeConfig: "});
 }
 
 // A status the service should not have returned is refused inside the container's notification:
 // the publisher confines the error to this reactor, the other watcher still hears of the
-// container, and neither record takes anything.
+// container, and neither record takes anything. Met by the first sweep, it fails the construction.
 TEST_F(SubscribeSmTest, ANullOrAnotherStatusIsRefusedWhileTheOtherWatchersStillHear) {
-    sm = makeSm();
-    ChangeRecorder other(status);
+    using Null = Wex::NullArgumentException;
+    EXPECT_EQ(refusal<Null>([&] { SubscribeSm::SubscribeSmIs(nullptr, status, subscribeStatus); }), "subscribeConfig");
+    EXPECT_EQ(refusal<Null>([&] { SubscribeSm::SubscribeSmIs(effective, nullptr, subscribeStatus); }),
+              "syncContainerStatus");
+    EXPECT_EQ(refusal<Null>([&] { SubscribeSm::SubscribeSmIs(effective, status, nullptr); }), "subscribeStatus");
     effective->pathSubscribeConfigIs(cfg);
+    record(cfg);
+    service().subscribeReturnsNoStatusIs(true);
+    EXPECT_EQ(refusal<Null>([&] { makeSm(); }), "q7SyncStatus");
+    EXPECT_EQ(effective->publisher().subscribers() + status->notifieeList()->subscribers(), 0u);
+    status->syncContainerDel(cfg);
+    sm = makeSm();
+    EXPECT_EQ(refusal<Null>([&] { sm->q7SyncStatusIs(nullptr); }), "q7SyncStatus");
+    ChangeRecorder other(status);
     auto const refused = [&](char const* error) {
         EXPECT_EQ(other.changes.size(), 1u) << error;
         EXPECT_TRUE(sm->wexQ7SyncStatus().empty()) << error;
-        auto const confined = traces.at(0, "Lumo");
+        Lines const confined = traces.at(0, "Lumo");
         ASSERT_EQ(confined.size(), 1u) << error;
         EXPECT_NE(confined[0].find(error), std::string::npos) << confined[0];
         traces.clear();
-        other.changes.clear();
         status->syncContainerDel(cfg);
         other.changes.clear();
     };
-
-    service().subscribeReturnsNoStatusIs(true);
     record(cfg);
     service().subscribeReturnsNoStatusIs(false);
     EXPECT_FALSE(subscribeStatus->pathSubscribeStatus(cfg));
     refused("null argument for attribute 'q7SyncStatus'");
 
+    // The record keeps the status an entry was made with, and refuses another.
     Lumo::Ptr<SyncStatus> const recorded = makeStatus(cfg.remoteUri().c_str());
-    subscribeStatus->pathSubscribeStatusIs(cfg, recorded);
+    Lumo::Ptr<PathSubscribeStatus> const entry = subscribeStatus->pathSubscribeStatusIs(cfg, recorded);
+    EXPECT_EQ(subscribeStatus->pathSubscribeStatusIs(cfg, recorded), entry);
+    EXPECT_EQ(
+        refusal<Wex::ReInstantiationException>([&] { subscribeStatus->pathSubscribeStatusIs(cfg, makeStatus("x")); }),
+        "syncStatus");
     record(cfg);
-    EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg)->syncStatus(), recorded);
+    EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg), entry);
+    EXPECT_EQ(entry->syncStatus(), recorded);
     refused("re-instantiation of 'syncStatus'");
 }
 
-TEST_F(SubscribeSmTest, AConstructionThatMeetsABrokenPromiseFailsWithNothingJoined) {
-    effective->pathSubscribeConfigIs(cfg);
-    record(cfg);
-    service().subscribeReturnsNoStatusIs(true);
-    EXPECT_THROW(makeSm(), Wex::NullArgumentException);
-    service().subscribeReturnsNoStatusIs(false);
-    EXPECT_EQ(effective->publisher().subscribers(), 0u);
-    EXPECT_EQ(status->notifieeList()->subscribers(), 0u);
-    EXPECT_FALSE(subscribeStatus->pathSubscribeStatus(cfg));
-}
-
-// Q7SyncStatusSm and SubscribeStatus
-
-TEST_F(SubscribeSmTest, StatusChangesOfASubscribedUriAreTracedAndShowInTheRecord) {
+// A status reactor traces each new state of the status it watches (not a new reason alone), and a
+// new status at once, unless marked with its owner; its owner rebinds it to another status of
+// the same URI and lets it go. A destroyed owner calls nothing and leaves its record.
+TEST_F(SubscribeSmTest, StatusReactorsTraceEachNewStateWhileTheirOwnerIsUnmarked) {
     sm = makeSm();
     effective->pathSubscribeConfigIs(cfg);
     record(cfg);
-    Lumo::Ptr<SyncStatus> live = service().syncStatus(cfg.remoteUri().view());
+    Lumo::Ptr<SyncStatus> const live = service().syncStatus(cfg.remoteUri().view());
+    Lumo::Ptr<Q7SyncStatusSm> const reactor = sm->wexQ7SyncStatus(cfg.remoteUri());
+    takeCalls();
     traces.clear();
-    service().syncStatusIs(cfg.remoteUri().view(), SyncStatusEnum::inSync, "connected");
-    live->reasonIs("reason only");
-    EXPECT_EQ(traces.at(1), (std::vector<std::string>{statusTrace(cfg, "inSync", "connected")}));
+    statusIs(SyncStatusEnum::inSync, "connected");
+    live->reasonIs("a reason alone");
     EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg)->syncStatus()->status(), SyncStatusEnum::inSync);
-
+    sm->wexDoZombieReactors(true);
     effective->pathSubscribeConfigDel(cfg);
-    traces.clear();
+    statusIs(SyncStatusEnum::syncing, "marked");
+    EXPECT_TRUE(takeCalls().empty());
+    EXPECT_TRUE(subscribed(cfg));
+    sm->wexDoZombieReactors(false);
+    Lumo::Ptr<SyncStatus> const other = makeStatus(cfg.remoteUri().c_str());
+    sm->q7SyncStatusIs(other);
+    sm->q7SyncStatusIs(other);
     live->statusIs(SyncStatusEnum::failed);
+    EXPECT_EQ(traces.at(1), (Lines{statusTrace(cfg.remoteUri(), "inSync", "connected"),
+                                   statusTrace(cfg.remoteUri(), "notConnected", "")}));
+    EXPECT_EQ(sm->wexQ7SyncStatus(cfg.remoteUri()), reactor);
+    EXPECT_EQ(sm->q7SyncStatusDel(cfg.remoteUri()), other);
+    EXPECT_TRUE(reactor->zombie() && !reactor->subscribeSm());
+    reactor->notifierIs(dir);  // anything but a status counts as none
+    EXPECT_TRUE(reactor->remoteUri().empty() && !reactor->q7SyncStatus());
+    sm->q7SyncStatusIs(other);
+    sm->q7SyncStatusDelAll();
+    EXPECT_TRUE(sm->wexQ7SyncStatus().empty());
+    sm->q7SyncStatusIs(live);
+    Lumo::Ptr<Q7SyncStatusSm> const last = sm->wexQ7SyncStatus(cfg.remoteUri());
+    sm = nullptr;
+    traces.clear();
+    effective->pathSubscribeConfigIs(cfg);
+    other->statusIs(SyncStatusEnum::failed);
+    live->statusIs(SyncStatusEnum::inSync);
     EXPECT_TRUE(traces.at(1).empty());
+    EXPECT_TRUE(takeCalls().empty());
+    EXPECT_TRUE(subscribeStatus->pathSubscribeStatus(cfg));
+    EXPECT_TRUE(last->zombie() && !last->subscribeSm());
+    EXPECT_EQ(effective->publisher().subscribers() + status->notifieeList()->subscribers(), 0u);
 }
 
-TEST_F(SubscribeSmTest, StatusReactorTracesANewNotifierAtOnceAndNothingElse) {
-    auto s1 = makeStatus("10.0.0.1:1/a"), s2 = makeStatus("10.0.0.1:1/a");
-    Lumo::Ptr<Q7SyncStatusSm> reactor(new Q7SyncStatusSm(s1, nullptr));
-    reactor->hasNotificationActiveIs(true);
-    reactor->notifierIs(s1);
-    EXPECT_TRUE(traces.at(1).empty());
-    reactor->notifierIs(s2);
-    EXPECT_EQ(traces.at(1).size(), 1u);
-    s1->statusIs(SyncStatusEnum::failed);
-    EXPECT_EQ(traces.at(1).size(), 1u);
-    reactor->notifierIs(dir);
-    EXPECT_EQ(reactor->remoteUri(), "");
-    EXPECT_FALSE(reactor->q7SyncStatus());
-    s2->statusIs(SyncStatusEnum::failed);
-    EXPECT_EQ(traces.at(1).size(), 1u);
+// The handler dispatch
+
+class HandlerDispatchTest : public ReactorTest {
+protected:
+    Lumo::Ptr<SyncContainerHandlerSm> makeSm() { return syncContainerHandlerSmFactory(registry, status); }
+    Lumo::Ptr<RecordingHandler> handler(char const* name) { return RecordingHandler::make(name, "k", &log); }
+    Lines takeLog() { return std::exchange(log, {}); }
+
+    PathSubscribeConfig const k1 = subscription("k", 1), k2 = subscription("k", 2), other = subscription("j", 1);
+};
+
+// A hand-over runs container by container: the outgoing handler lets go of each before the
+// incoming one is given it.
+TEST_F(HandlerDispatchTest, AHandlerIsGivenTheContainersOfItsKeyAndHandsThemOverWhenReplacedOrRemoved) {
+    record(k1);
+    record(k2);
+    record(other);
+    auto const sm = makeSm();
+    auto const h = handler("H"), b = handler("B");
+    registry->syncContainerHandlerIs(h);
+    Lines got = takeLog();
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, (Lines{given("H", k1), given("H", k2)}));
+    registry->syncContainerHandlerIs(h);
+    EXPECT_TRUE(log.empty());
+    registry->syncContainerHandlerIs(b);
+    got = takeLog();
+    ASSERT_EQ(got.size(), 4u);
+    PathSubscribeConfig const& firstOver = got[0] == withdrawn("H", k1) ? k1 : k2;
+    PathSubscribeConfig const& secondOver = firstOver == k1 ? k2 : k1;
+    EXPECT_EQ(got, (Lines{withdrawn("H", firstOver), given("B", firstOver), withdrawn("H", secondOver),
+                          given("B", secondOver)}));
+    registry->syncContainerHandlerDel("k");
+    got = takeLog();
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, (Lines{withdrawn("B", k1), withdrawn("B", k2)}));
+    EXPECT_TRUE(h->held.empty() && b->held.empty());
 }
 
-TEST_F(SubscribeSmTest, RecordKeepsItsStatusAndRefusesAnother) {
-    auto s = makeStatus("a"), t = makeStatus("a");
-    Lumo::Ptr<PathSubscribeStatus> entry = subscribeStatus->pathSubscribeStatusIs(cfg, s);
-    EXPECT_EQ(subscribeStatus->pathSubscribeStatusIs(cfg, s), entry);
-    try {
-        subscribeStatus->pathSubscribeStatusIs(cfg, t);
-        FAIL() << "another status accepted";
-    } catch (Wex::ReInstantiationException const& e) {
-        EXPECT_EQ(e.attribute(), "syncStatus");
-    }
-    EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg), entry);
-    EXPECT_EQ(entry->syncStatus(), s);
-    EXPECT_EQ(entry->pathSubscribeConfig(), cfg);
+TEST_F(HandlerDispatchTest, ConstructionGivesEachRecordedContainerTwiceAndDestructionWithdrawsIt) {
+    Lumo::Ptr<SyncContainer> const c = record(k1);
+    record(other);
+    registry->syncContainerHandlerIs(handler("H"));
+    traces.clear();
+    auto sm = makeSm();
+    EXPECT_EQ(takeLog(), (Lines{given("H", k1), given("H", k1)}));
+    EXPECT_EQ(traces.at(8), (Lines{"SyncContainerHandlerSm::handleInitialized: ",
+                                   fmt::format("SyncContainerHandlerSm::handleSyncContainer: remoteAgentKey={}, "
+                                               "syncContainerKey=k, syncContainer={}",
+                                               k1.remoteAgentKey(), static_cast<void const*>(c.ptr())),
+                                   "SyncContainerHandlerSm::handleSyncContainerHandler: syncContainerKey=k"}));
+    sm = nullptr;
+    EXPECT_EQ(log, Lines{withdrawn("H", k1)});
+    EXPECT_TRUE(registry->syncContainerHandler("k"));
+    EXPECT_EQ(status->syncContainer().size(), 2u);
+    EXPECT_EQ(registry->notifieeList()->subscribers() + status->notifieeList()->subscribers(), 0u);
 }
 
-// Reflection
+TEST_F(HandlerDispatchTest, AThrowingHandlerIsTracedAndTheDispatchGoesOn) {
+    record(k1);
+    record(k2);
+    auto const sm = makeSm();
+    auto const h = handler("H");
+    h->throws = true;
+    registry->syncContainerHandlerIs(h);
+    registry->syncContainerHandlerDel("k");
+    EXPECT_EQ(log.size(), 4u);
+    std::string const threw = "SyncContainerHandlerSm::{}: handler of k threw from {}: handler failure";
+    EXPECT_EQ(traces.at(0), (Lines{fmt::format(fmt::runtime(threw), "giveContainer", "containerIs"),
+                                   fmt::format(fmt::runtime(threw), "giveContainer", "containerIs"),
+                                   fmt::format(fmt::runtime(threw), "withdrawContainer", "containerDel"),
+                                   fmt::format(fmt::runtime(threw), "withdrawContainer", "containerDel")}));
+}
 
-// q7SyncStatus shows the statuses that the reactors of wexQ7SyncStatus watch; both are read by
-// key, tested and counted, and only the first written, through the typed calls.
-TEST_F(SubscribeSmTest, ReflectionShowsStatusesInOneViewAndTheirReactorsInTheOther) {
-    sm = makeSm();
-    Lumo::Ptr<SubscribeSm> twin = makeSm();
-    Wex::WexType const* type = Wex::wexTypeOf<SubscribeSm>();
-    Wex::GenericIf const gi = type->genericIf(twin);
-    Wex::WexAttr const& statuses = type->attrOrThrow("q7SyncStatus");
-    Wex::WexAttr const& reactors = type->attrOrThrow("wexQ7SyncStatus");
-    Lumo::String const uri = "10.0.0.1:1/a";
-    auto const s1 = makeStatus(uri.str().c_str()), s2 = makeStatus(uri.str().c_str());
-    Wex::Value const key = Wex::Value::of(uri);
-    auto const is = [&](Lumo::Ptr<SyncStatus> const& s) {
-        return statuses.genericIfMemberIs(gi, {{"q7SyncStatus", Wex::Value::of(s)}});
+// Every reactor, in the module's order: dedup table, containers, dispatch, subscriptions.
+class SubscriptionFlowTest : public ReactorTest {
+protected:
+    SubscriptionFlowTest() { registry->syncContainerHandlerIs(handler); }
+
+    Lumo::Ptr<RecordingHandler> handler = RecordingHandler::make("H", "k", &log);
+    Lumo::Ptr<PathSubscribeRequestDedupTable> table =
+        pathSubscribeRequestDedupTableFactory(pathSubscribeRequestNotifieeFactory(effective));
+    Lumo::Ptr<SyncContainerSm> containerSm = syncContainerSmFactory(effective, status, dir);
+    Lumo::Ptr<SyncContainerHandlerSm> handlerSm = syncContainerHandlerSmFactory(registry, status);
+    Lumo::Ptr<SubscribeSm> subscribeSm = subscribeSmFactory(effective, status, subscribeStatus);
+    PathSubscribeConfig const cfg = subscription("k");
+};
+
+// The subscribe reactor hears of a new subscription twice, through its container's record and
+// its configuration, the container in place both times. Its release withdraws the container
+// and unsubscribes while the container is still in place, and only then removes it.
+TEST_F(SubscriptionFlowTest, ASubscriptionFromRequestToReleaseGoesThroughEveryReactorInOrder) {
+    Lumo::Ptr<PathSubscribeRequest> request = table->dedup(cfg);
+    auto const container = Lumo::ptr_cast<SyncContainer const>(containerAt(dir, cfg));
+    ASSERT_TRUE(container);
+    EXPECT_EQ(container->pathSubscribeConfig(), cfg);
+    EXPECT_EQ(takeCalls(), (Calls{subscribeCall(cfg), subscribeCall(cfg)}));
+    std::string const added = "SyncContainerSm::addContainer: localUri " + cfg.localUri().str();
+    EXPECT_EQ(traces.at(1), (Lines{added, subscribeTrace(cfg), subscribeTrace(cfg)}));
+    EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg)->syncStatus(), service().syncStatus(cfg.remoteUri().view()));
+    EXPECT_EQ(handler->held, (std::set<Lumo::Ptr<SyncContainer const>>{container}));
+    EXPECT_EQ(log, Lines{given("H", cfg)});
+
+    handler->onCall = [&](PathSubscribeConfig const& c, bool) {
+        log.push_back(containerAt(dir, c) && calls().empty() ? "withdrawn in place" : "withdrawn late");
     };
-    // Watching s1, s1 again, then s2 of the same uri: only the rebinding traces, once per twin.
-    for (auto const& [status, traced] : {std::pair{s1, 0u}, std::pair{s1, 0u}, std::pair{s2, 2u}}) {
-        sm->q7SyncStatusIs(status);
-        EXPECT_TRUE(is(status).empty());
-        EXPECT_EQ(traces.at(1).size(), traced);
-        EXPECT_EQ(twin->wexQ7SyncStatus().size(), sm->wexQ7SyncStatus().size());
-    }
-    EXPECT_EQ(traces.at(1)[0], traces.at(1)[1]);
-
-    Lumo::Ptr<Q7SyncStatusSm> const reactor = twin->wexQ7SyncStatus(uri);
-    EXPECT_EQ(statuses.genericIfMember(gi, key).object(), s2.ptr());
-    EXPECT_EQ(reactors.genericIfMember(gi, key).object(), reactor.ptr());
-    std::vector<Wex::PtrInterface const*> walked;
-    statuses.forEach(twin.ptr(), [&](Wex::Value const&, Wex::Value const& v) { walked.push_back(v.object()); });
-    EXPECT_EQ(walked, std::vector<Wex::PtrInterface const*>{s2.ptr()});
-    for (Wex::WexAttr const* view : {&statuses, &reactors}) {
-        EXPECT_TRUE(view->genericIfMemberHas(gi, key));
-        EXPECT_FALSE(view->genericIfMemberHas(gi, Wex::Value::of(Lumo::String("absent"))));
-        EXPECT_FALSE(view->genericIfMember(gi, Wex::Value::of(Lumo::String("absent"))).object());
-        EXPECT_EQ(view->genericIfCount(gi), 1u);
-    }
-    // The reactor's owner is a back pointer; a write still takes a counted one.
-    Wex::WexType const* reactorType = Wex::wexTypeOf<Q7SyncStatusSm>();
-    Wex::WexAttr const& owner = reactorType->attrOrThrow("subscribeSm");
-    Wex::GenericIf const reactorView = reactorType->genericIf(reactor);
-    ASSERT_TRUE(owner.genericIfGet(reactorView).as<Oru::WeakRef>());
-    EXPECT_EQ(owner.genericIfGet(reactorView).as<Oru::WeakRef>()->ptr(), twin.ptr());
-
-    try {
-        is(nullptr);
-        ADD_FAILURE() << "null accepted";
-    } catch (Wex::NullArgumentException const& e) {
-        EXPECT_EQ(e.attribute(), "q7SyncStatus");
-    }
-    EXPECT_THROW(statuses.genericIfMemberIs(gi, {{"q7SyncStatus", Wex::Value::of(reactor)}}), Wex::ValueTypeException);
-    EXPECT_THROW(statuses.genericIfMemberIsFromText(gi, "'x'", "null"), Wex::RangeException);
-    EXPECT_THROW(reactors.genericIfMemberDel(gi, key), Wex::AttributeAccessException);
-    EXPECT_EQ(twin->wexQ7SyncStatus(uri), reactor);
-
-    sm->q7SyncStatusDel(uri);
-    EXPECT_EQ(statuses.genericIfMemberDel(gi, key).object(), s2.ptr());
-    EXPECT_EQ(statuses.genericIfMemberDel(gi, key).object(), nullptr);
-    EXPECT_EQ(owner.genericIfGet(reactorView).as<Oru::WeakRef>()->ptr(), nullptr);
-    EXPECT_TRUE(reactor->zombie());
-    owner.genericIfSet(reactorView, {{"subscribeSm", Wex::Value::of(twin)}});
-    EXPECT_EQ(reactor->subscribeSm(), twin.ptr());
-    EXPECT_EQ(traces.at(1).size(), 2u);
-
-    is(s2);
-    statuses.genericIfMemberDelAll(gi);
-    EXPECT_TRUE(twin->wexQ7SyncStatus().empty());
-    EXPECT_THROW(reactors.genericIfMemberDelAll(gi), Wex::AttributeAccessException);
-}
-
-// Entries are made by the record from their construction values and never made again with
-// others; reflection takes the same values, and the entries' own attributes only read.
-TEST_F(SubscribeSmTest, ReflectionMakesRecordEntriesFromTheirConstructionValues) {
-    Wex::WexType const* type = Wex::wexTypeOf<SubscribeStatus>();
-    Wex::WexAttr const& entries = type->attrOrThrow("pathSubscribeStatus");
-    Wex::GenericIf const gi = type->genericIf(subscribeStatus);
-    auto const s = makeStatus("a"), t = makeStatus("a");
-    auto const make = [&](Lumo::Ptr<SyncStatus> const& status) {
-        return entries.genericIfMemberIs(gi, {{"pathSubscribeConfig", Wex::Value::of(cfg)}, {"syncStatus", Wex::Value::of(status)}});
+    ChangeRecorder lastWatcher(status);  // joins after the subscribe reactor
+    lastWatcher.onChange = [&](Lumo::Change const&) {
+        log.push_back(calls() == Calls{unsubscribeCall(cfg)} && containerAt(dir, cfg) ? "unsubscribed in place"
+                                                                                      : "late");
     };
-    EXPECT_EQ(entries.params(), (std::vector<std::string>{"pathSubscribeConfig", "syncStatus"}));
-    Wex::Value const made = make(s);
-    Lumo::Ptr<PathSubscribeStatus> const entry = subscribeStatus->pathSubscribeStatus(cfg);
-    ASSERT_TRUE(entry);
-    EXPECT_EQ(made.object(), entry.ptr());
-    EXPECT_EQ(entry->syncStatus(), s);
-    EXPECT_EQ(make(s).object(), entry.ptr());
-    try {
-        make(t);
-        ADD_FAILURE() << "made again with another status";
-    } catch (Wex::ReInstantiationException const& e) {
-        EXPECT_EQ(e.attribute(), "syncStatus");
-    }
-    EXPECT_THROW(entries.genericIfMemberIs(gi, {{"pathSubscribeConfig", Wex::Value::of(cfg)}}), Wex::NewEntityArgsException);
-    EXPECT_EQ(subscribeStatus->pathSubscribeStatus(cfg), entry);
-    EXPECT_EQ(entries.genericIfMember(gi, Wex::Value::of(cfg)).object(), entry.ptr());
-    EXPECT_TRUE(entries.genericIfMemberHas(gi, Wex::Value::of(cfg)));
-    EXPECT_EQ(entries.genericIfCount(gi), 1u);
-    for (Wex::WexAttr const* a : Wex::wexTypeOf<PathSubscribeStatus>()->allAttrs()) EXPECT_TRUE(a->readOnly()) << a->name();
-
-    EXPECT_EQ(entries.genericIfMemberDel(gi, Wex::Value::of(cfg)).object(), entry.ptr());
-    EXPECT_FALSE(entries.genericIfMemberDel(gi, Wex::Value::of(cfg)).object());
-    EXPECT_FALSE(entries.genericIfMemberHas(gi, Wex::Value::of(cfg)));
-    make(s);
-    entries.genericIfMemberDelAll(gi);
-    EXPECT_EQ(entries.genericIfCount(gi), 0u);
+    void const* const ltn = request->lifeTimeNotifier().ptr();
+    traces.clear();
+    request = nullptr;
+    EXPECT_EQ(log, (Lines{given("H", cfg), withdrawn("H", cfg), "withdrawn in place", "unsubscribed in place"}));
+    EXPECT_EQ(takeCalls(), Calls{unsubscribeCall(cfg)});
+    EXPECT_EQ(traces.at(1),
+              (Lines{fmt::format("PathSubscribeRequestNotifiee::handleRequest: Remove subscribe config for "
+                                 "ltn {} with remoteUri {} and requestCountForRemoteUri 0 and "
+                                 "requestCountForLocalUri 0",
+                                 ltn, cfg.remoteUri()),
+                     "SyncContainerSm::removeContainer: localUri " + cfg.localUri().str(),
+                     "SubscribeSm::unsubscribe: remoteUri=" + cfg.remoteUri().str()}));
+    EXPECT_FALSE(dir->entityPtr(cfg.remoteAgentKey()));
+    EXPECT_TRUE(handler->held.empty());
+    EXPECT_TRUE(status->syncContainer().empty());
+    EXPECT_TRUE(subscribeStatus->pathSubscribeStatus().empty());
+    EXPECT_TRUE(subscribeSm->wexQ7SyncStatus().empty());
 }
 
-} // namespace
-} // namespace Kel::Q7Sync::Test
+}  // namespace
+}  // namespace Kel::Q7Sync::Test

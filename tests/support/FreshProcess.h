@@ -33,9 +33,8 @@ inline bool isFreshProcess() {
 // Starts this program with only the current test and waits for it: its exit status (0 when the
 // test passed), 128 + the signal that ended it, or -1 when it could not be started.
 inline int runFreshProcess() {
-    std::string const name = currentTestName();
-    std::string const filter = "--gtest_filter=" + name;
-    std::string const marker = std::string(kFreshProcessVariable) + "=" + name;
+    std::string const prefix = std::string(kFreshProcessVariable) + "=";
+    std::string const filter = "--gtest_filter=" + currentTestName(), marker = prefix + currentTestName();
     // The program's own path: under a tool that runs programs (valgrind) /proc/self/exe names
     // the tool, while readlink of it gives the program.
     std::string self = "/proc/self/exe";
@@ -44,7 +43,7 @@ inline int runFreshProcess() {
     std::vector<char*> argv{self.data(), const_cast<char*>(filter.c_str()), nullptr};
     std::vector<char*> env;
     for (char** e = environ; *e; ++e)
-        if (std::string(*e).rfind(std::string(kFreshProcessVariable) + "=", 0) != 0) env.push_back(*e);
+        if (std::string(*e).rfind(prefix, 0) != 0) env.push_back(*e);
     env.push_back(const_cast<char*>(marker.c_str()));
     env.push_back(nullptr);
     std::fflush(nullptr);  // nothing buffered here is written twice
@@ -54,8 +53,7 @@ inline int runFreshProcess() {
     while (waitpid(pid, &status, 0) < 0)
         if (errno != EINTR) return -1;
     if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 // In a test body: `if (!inFreshProcess()) return;` runs the rest of the body in a new process,
@@ -66,4 +64,4 @@ inline bool inFreshProcess() {
     return false;
 }
 
-} // namespace Kel::Q7Sync::Test
+}  // namespace Kel::Q7Sync::Test

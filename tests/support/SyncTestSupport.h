@@ -1,5 +1,5 @@
-// Helpers for the container, subscribe and handler dispatch tests: subscriptions, a recording
-// handler, a change recorder, the unit's trace records and a leak check.
+// Helpers for the module's tests: subscriptions, a recording handler, a change recorder, the
+// trace records of a test and a fixture with a fresh sync service and a leak check.
 #pragma once
 
 #include <functional>
@@ -18,10 +18,13 @@
 #include "Memtrail/Memtrail.h"
 #include "Q7Sync/Service.h"
 #include "Wex/Entity.h"
+#include "Wex/Exception.h"
 
 namespace Kel::Q7Sync::Test {
 
 using Flags = PathSubscribeConfig::SyncRequestFlags;
+using Calls = std::vector<::Q7Sync::Service::Call>;
+using Lines = std::vector<std::string>;
 
 // A subscription of agent 10.1.2.<host>:4000 for the container `key` of `type`.
 inline PathSubscribeConfig subscription(char const* key, int host = 1, char const* path = "agent/state",
@@ -29,6 +32,17 @@ inline PathSubscribeConfig subscription(char const* key, int host = 1, char cons
                                         Flags flags = ::Q7Sync::WexUtils::RELIABLE()) {
     return PathSubscribeConfig(Kivu::IpGenAddr::fromString(fmt::format("10.1.2.{}", host)).value(), 4000, path, key,
                                type, flags);
+}
+
+// The attribute named by the E that `attempt` throws, or "accepted" when it throws none.
+template <class E, class F>
+std::string refusal(F&& attempt) {
+    try {
+        attempt();
+    } catch (E const& e) {
+        return e.attribute();
+    }
+    return "accepted";
 }
 
 inline Lumo::Ptr<Wex::Dir> freshDir(char const* name = "remote") {
@@ -39,12 +53,13 @@ inline Lumo::Ptr<Wex::Dir> freshDir(char const* name = "remote") {
 
 // The container of config made in its place, dir / remoteAgentKey / syncContainerKey.
 inline Lumo::Ptr<SyncContainer> placeContainer(Lumo::Ptr<Wex::Dir> const& dir, PathSubscribeConfig const& config) {
-    return SyncContainer::create(Lumo::ptr_cast<Wex::Dir>(dir->createEntity("Wex::Dir", config.remoteAgentKey())), config);
+    return SyncContainer::create(Lumo::ptr_cast<Wex::Dir>(dir->createEntity("Wex::Dir", config.remoteAgentKey())),
+                                 config);
 }
 
 // The container at dir / remoteAgentKey / syncContainerKey of config, or null.
-inline Lumo::Ptr<Wex::Entity> containerAt(Lumo::Ptr<Wex::Dir> const& dir, PathSubscribeConfig const& config) {
-    auto agentDir = Lumo::ptr_cast<Wex::Dir>(dir->entityPtr(config.remoteAgentKey()));
+inline Lumo::Ptr<Wex::Entity> containerAt(Lumo::Ptr<Wex::Dir const> const& dir, PathSubscribeConfig const& config) {
+    auto agentDir = Lumo::ptr_cast<Wex::Dir const>(dir->entityPtr(config.remoteAgentKey()));
     return agentDir ? agentDir->entityPtr(config.syncContainerKey()) : nullptr;
 }
 
@@ -89,8 +104,8 @@ inline std::string withdrawn(char const* handler, PathSubscribeConfig const& c) 
     return fmt::format("{} containerDel {}", handler, c.localUri());
 }
 
-// Counts the changes an object publishes, with whether each came with a previous value.
-class ChangeRecorder : public Lumo::Subscriber {
+// The changes an object publishes, as "<attribute>" or "<attribute>~" when a previous value came.
+class ChangeRecorder final : public Lumo::Subscriber {
 public:
     explicit ChangeRecorder(Lumo::Ptr<Wex::PtrInterface const> object) : object_(std::move(object)) {
         object_->notifieeList()->subscriberIs(this);
@@ -100,23 +115,18 @@ public:
     ~ChangeRecorder() { object_->notifieeList()->subscriberDel(this); }
 
     void onPublish(Lumo::Publisher const&, Lumo::Change const& change) override {
-        changes.push_back({change.attribute, change.prev != nullptr});
+        changes.push_back(fmt::format("{}{}", change.attribute, change.prev ? "~" : ""));
         if (onChange) onChange(change);
     }
 
-    struct Seen {
-        Wex::AttributeId attribute;
-        bool hadPrevious;
-        friend bool operator==(Seen const&, Seen const&) = default;
-    };
-    std::vector<Seen> changes;
+    Lines changes;
     std::function<void(Lumo::Change const&)> onChange;
 
 private:
     Lumo::Ptr<Wex::PtrInterface const> object_;
 };
 
-// The trace records of one handle written during the test, as "Class::function: message".
+// The trace records written during the test, for one handle as "Class::function: message".
 class TraceRecords {
 public:
     TraceRecords() : previous_(Memtrail::defaultHandle()) { Memtrail::defaultHandleIs(&records_); }
@@ -124,10 +134,11 @@ public:
     TraceRecords& operator=(TraceRecords const&) = delete;
     ~TraceRecords() { Memtrail::defaultHandleIs(previous_); }
 
-    std::vector<std::string> at(unsigned level, std::string_view handle = "KelQ7SyncSubscribeSm") const {
-        std::vector<std::string> out;
+    Lines at(unsigned level, std::string_view handle = "KelQ7SyncSubscribeSm") const {
+        Lines out;
         for (Memtrail::Record const* r : records_.records(level))
-            if (r->handle() == handle) out.push_back(fmt::format("{}::{}: {}", r->className(), r->function(), r->message()));
+            if (r->handle() == handle)
+                out.push_back(fmt::format("{}::{}: {}", r->className(), r->function(), r->message()));
         return out;
     }
     void clear() { records_.clear(); }
@@ -152,7 +163,13 @@ protected:
     }
 
     static ::Q7Sync::Service& service() { return ::Q7Sync::Service::instance(); }
-    static std::vector<::Q7Sync::Service::Call> calls() { return service().calls(); }
+    static Calls calls() { return service().calls(); }
+    // The calls made since the last take.
+    static Calls takeCalls() {
+        Calls made = service().calls();
+        service().callsDelAll();
+        return made;
+    }
     static ::Q7Sync::Service::Call subscribeCall(PathSubscribeConfig const& c) {
         return {"subscribe", fmt::format("{}, {}, {}", c.remoteUri(), c.localUri(), c.flags())};
     }
@@ -166,4 +183,4 @@ private:
     long liveBefore_;
 };
 
-} // namespace Kel::Q7Sync::Test
+}  // namespace Kel::Q7Sync::Test
