@@ -12,7 +12,6 @@
 #include "KelLib/Q7SyncListenConfig.h"
 #include "KelLib/Q7SyncSubscribeRequest.h"
 #include "Wex/Entity.h"
-#include "Wex/Hash.h"
 #include "Wex/Type.h"
 
 namespace Kel::Q7Sync {
@@ -115,29 +114,6 @@ TYPED_TEST(ConfigValueTest, SamplesReadBackAsTheyPrintAndOnlyTheDefaultIsFalse) 
         for (std::uint32_t seed : {0u, 1u, 0xffffffffu}) hashes.insert(values[i].hash(seed));
     }
     EXPECT_EQ(hashes.size(), 3 * values.size());
-}
-
-// Values hash to the same number in every process that speaks of them: the framework hash from the
-// seed over each field in order, an address by its library hash, each number at its own width.
-TEST(ConfigHashTest, IsTheFrameworkHashOverTheFieldsInOrder) {
-    for (std::uint32_t seed : {0u, 77u}) {
-        for (std::string const& text : samples<ListenConfig>()) {
-            ListenConfig const c = Wex::fromString<ListenConfig>(text);
-            Wex::Hash h(seed);
-            h.hashMix(Kivu::Ip6Addr::hash(c.hostAddr())).hashMix(std::uint16_t(c.port()));
-            EXPECT_EQ(c.hash(seed), h.result()) << text;
-        }
-        for (std::string const& text : samples<PathSubscribeConfig>()) {
-            PathSubscribeConfig const c = Wex::fromString<PathSubscribeConfig>(text);
-            Wex::Hash h(seed);
-            h.hashMix(Kivu::Ip6Addr::hash(c.remoteAddr())).hashMix(std::uint32_t(c.remotePort()));
-            h.hashMix(c.remotePath().view()).hashMix(c.syncContainerKey().view());
-            h.hashMix(reinterpret_cast<std::uint64_t>(c.syncContainerType()));
-            h.hashMix(std::uint32_t(std::uint8_t(c.flags())));
-            h.hashMix(c.remoteAgentKey().view()).hashMix(c.localUri().view()).hashMix(c.remoteUri().view());
-            EXPECT_EQ(c.hash(seed), h.result()) << text;
-        }
-    }
 }
 
 // The attribute named by the error of parsing `text`; a failed parse must leave the range alone.

@@ -18,7 +18,7 @@
 namespace Kel::Q7Sync::Test {
 namespace {
 
-// The shared module is built before the first fixture counts live objects; each test's host and /sys go with it.
+// The shared module is built before the first test counts live objects; each test's host and /sys go with it.
 class HostTest : public SyncFixture {
 protected:
     static void SetUpTestSuite() { Module::get(); }
