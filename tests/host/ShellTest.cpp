@@ -141,7 +141,7 @@ TEST_F(HostTest, AMalformedLineIsOneErrorWithItsUsageAndChangesNothing) {
     run("listen off");
 }
 
-// A host that goes withdraws its handlers (the fixture finds any left), not another client's in their place.
+// A host that goes withdraws its handlers (the live-object check finds any left), not another client's in their place.
 TEST_F(HostTest, AHostThatGoesLeavesTheHandlerAnotherClientPutInPlaceOfItsOwn) {
     auto const& registry = Module::get()->syncContainerHandlerRegistry();
     std::vector<std::string> log;
