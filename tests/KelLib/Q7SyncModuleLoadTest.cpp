@@ -54,10 +54,12 @@ private:
     void* library_ = nullptr;
 };
 
-TEST_F(ModuleLoadTest, LoadingRegistersTheNineTablesInOrderAndBuildsNothing) {
+// Loading runs nothing but registration: no object made, nothing put into the global directory.
+// Unloading releases the shared module before its code goes; its four directories stay.
+TEST_F(ModuleLoadTest, LoadingRegistersTheNineTablesReflectionAloneBuildsTheModuleAndUnloadingReleasesIt) {
     ASSERT_FALSE(loaded()) << "this program must not link the module";
     std::vector<std::string> const before = tableNames();
-    std::set<std::string> const globalBefore = globalNames();
+    std::set<std::string> const globalBefore = globalNames();  // the root directory is the framework's
     long const live = Wex::PtrInterface::liveObjects();
     ASSERT_TRUE(load());
     std::vector<std::string> expected = before;
@@ -67,22 +69,11 @@ TEST_F(ModuleLoadTest, LoadingRegistersTheNineTablesInOrderAndBuildsNothing) {
     expected.push_back("KelLib/ShowQ7SyncDebugCallback");
     EXPECT_EQ(tableNames(), expected);
     EXPECT_TRUE(Wex::typeNode("Kel::Q7Sync::ShowQ7SyncDebugCallback"));
-    // Nothing but registration ran: no object made, nothing put into the global directory.
     EXPECT_EQ(Wex::PtrInterface::liveObjects(), live);
     EXPECT_EQ(globalNames(), globalBefore);
-    EXPECT_EQ(unload(), 0);
-    EXPECT_FALSE(loaded());
-    EXPECT_EQ(tableNames(), before);
-    EXPECT_FALSE(Wex::typeNode("Kel::Q7Sync::Module"));
-}
 
-// Unloading releases the shared module before its code goes; its four directories stay.
-TEST_F(ModuleLoadTest, ReflectionAloneBuildsTheSharedModuleAndUnloadingReleasesIt) {
-    ASSERT_TRUE(load());
     Wex::WexType const* type = Wex::typeNode("Kel::Q7Sync::Module");
     ASSERT_TRUE(type);
-    (void)Wex::System::globalDir();  // the root directory is the framework's, not the module's
-    long const live = Wex::PtrInterface::liveObjects();
     {
         Wex::WexAttr const& get = type->attrOrThrow("get");
         Lumo::Ptr<Wex::PtrInterface const> const module(get.call(nullptr, {}).object());
@@ -94,6 +85,8 @@ TEST_F(ModuleLoadTest, ReflectionAloneBuildsTheSharedModuleAndUnloadingReleasesI
     EXPECT_GT(Wex::PtrInterface::liveObjects(), live + 4);
     EXPECT_EQ(unload(), 0);
     EXPECT_FALSE(loaded());
+    EXPECT_EQ(tableNames(), before);
+    EXPECT_FALSE(Wex::typeNode("Kel::Q7Sync::Module"));
     EXPECT_EQ(Wex::PtrInterface::liveObjects(), live + 4);
     auto const q7 = Lumo::ptr_cast<Wex::Dir>(Wex::System::globalDir()->entityPtr("q7"));
     ASSERT_TRUE(q7);

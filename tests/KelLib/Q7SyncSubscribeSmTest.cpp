@@ -103,21 +103,6 @@ TEST_F(SyncContainerSmTest, ContainersFollowTheSubscriptionsInForceInTheirAgents
                                    traced("removeContainer", b)}));
 }
 
-TEST_F(SyncContainerSmTest, TheFirstSweepAddsWhatIsInForceAndRemovesWhatEnded) {
-    PathSubscribeConfig const a = subscription("a", 1), b = subscription("b", 2), ended = subscription("gone", 3);
-    effective->pathSubscribeConfigIs(a);
-    effective->pathSubscribeConfigIs(b);
-    status->syncContainerIs(placeContainer(dir, ended));
-    auto const sm = makeSm();
-    EXPECT_EQ(status->syncContainer().size(), 2u);
-    EXPECT_TRUE(status->syncContainer(a) == containerAt(dir, a) && status->syncContainer(b) == containerAt(dir, b));
-    EXPECT_FALSE(dir->entityPtr(ended.remoteAgentKey()));
-    EXPECT_EQ(traces.at(8), Lines{"SyncContainerSm::handlePathSubscribeConfig: "});
-    ChangeRecorder watcher(status);
-    sm->addContainer(a);
-    EXPECT_TRUE(watcher.changes.empty());
-}
-
 // What the directory or the container type refuses is traced, and the subscription goes without
 // a container; its end leaves alone the container that another subscription holds.
 TEST_F(SyncContainerSmTest, ASubscriptionThatGetsNoContainerLeavesEveryOtherAsItIs) {
@@ -189,20 +174,32 @@ TEST_F(SubscribeSmTest, ASubscriptionIsSubscribedWhileInForceWithItsContainerRec
     EXPECT_TRUE(sm->wexQ7SyncStatus().empty());
 }
 
-TEST_F(SubscribeSmTest, TheFirstSweepSubscribesWhatIsWantedAndUnsubscribesStaleRecords) {
-    PathSubscribeConfig const other = subscription("j", 2), stale = subscription("stale", 3);
-    for (PathSubscribeConfig const& c : {cfg, other}) {
-        effective->pathSubscribeConfigIs(c);
-        record(c);
-    }
+// Reactors act on the state present when they are built: the container reactor adds what is in
+// force and removes what ended (a second look changes nothing), and the subscribe reactor
+// subscribes what is recorded and in force and unsubscribes stale records.
+TEST_F(SubscribeSmTest, TheFirstSweepsAddAndSubscribeWhatIsInForceAndRemoveWhatEnded) {
+    PathSubscribeConfig const other = subscription("j", 2), ended = subscription("gone", 3);
+    PathSubscribeConfig const stale = subscription("stale", 4);
+    effective->pathSubscribeConfigIs(cfg);
+    effective->pathSubscribeConfigIs(other);
+    status->syncContainerIs(placeContainer(dir, ended));
     subscribeStatus->pathSubscribeStatusIs(stale, makeStatus("stale"));
+    auto const containers = syncContainerSmFactory(effective, status, dir);
+    EXPECT_EQ(status->syncContainer().size(), 2u);
+    EXPECT_TRUE(status->syncContainer(cfg) == containerAt(dir, cfg) &&
+                status->syncContainer(other) == containerAt(dir, other));
+    EXPECT_FALSE(dir->entityPtr(ended.remoteAgentKey()));
+    ChangeRecorder watcher(status);
+    containers->addContainer(cfg);
+    EXPECT_TRUE(watcher.changes.empty());
     sm = makeSm();
     Calls made = takeCalls();
     std::sort(made.begin(), made.end(), [](auto const& a, auto const& b) { return a.arguments < b.arguments; });
     EXPECT_EQ(made, (Calls{subscribeCall(cfg), subscribeCall(other), unsubscribeCall(stale)}));
     EXPECT_TRUE(subscribed(cfg) && subscribed(other));
     EXPECT_FALSE(subscribeStatus->pathSubscribeStatus(stale));
-    EXPECT_EQ(traces.at(8), Lines{"SubscribeSm::handlePathSubscribeConfig: "});
+    EXPECT_EQ(traces.at(8),
+              (Lines{"SyncContainerSm::handlePathSubscribeConfig: ", "SubscribeSm::handlePathSubscribeConfig: "}));
 }
 
 // A status the service should not have returned is refused inside the container's notification:
