@@ -143,7 +143,12 @@ TEST(ConfigParseTest, EachFailureNamesItsAttribute) {
         {"10.1.2.3,", "10.1.2.300,", "remoteAddr"},
         {"4000", "4294967296", "remotePort"},
         {"'agent/state'", "agent/state", "remotePath"},
+        // Each flag once by its name, a bit without a name in hexadecimal.
         {"WRITE|RELIABLE", "WRITE|LOUD", "flags"},
+        {"WRITE|RELIABLE", "WRITE|WRITE", "flags"},
+        {"WRITE|RELIABLE", "WRITE|0x02", "flags"},
+        {"WRITE|RELIABLE", "NONE|WRITE", "flags"},
+        {"WRITE|RELIABLE", "WRITE|", "flags"},
         {"'remoteUri': ", "'remoteURI': ", "remoteUri"}};
     for (auto const& [from, to, attribute] : subscribe)
         EXPECT_EQ(failingAttribute<PathSubscribeConfig>(replaced(kSubscribe, from, to)), attribute) << to;

@@ -3,10 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include <fmt/format.h>
 
@@ -139,18 +137,6 @@ TEST_F(HostTest, AMalformedLineIsOneErrorWithItsUsageAndChangesNothing) {
     }
     EXPECT_EQ(shell.failures(), int(std::size(bad)));
     run("listen off");
-}
-
-// A host that goes withdraws its handlers (the live-object check finds any left), not another client's in their place.
-TEST_F(HostTest, AHostThatGoesLeavesTheHandlerAnotherClientPutInPlaceOfItsOwn) {
-    auto const& registry = Module::get()->syncContainerHandlerRegistry();
-    std::vector<std::string> log;
-    std::optional<Q7Agent::Shell> host(std::in_place, out.file());
-    host->execute("handler add theirs");
-    registry->syncContainerHandlerIs(RecordingHandler::make("R", "theirs", &log));
-    host.reset();
-    EXPECT_TRUE(registry->syncContainerHandler("theirs"));
-    registry->syncContainerHandlerDel("theirs");
 }
 
 } // namespace

@@ -7,7 +7,6 @@
 
 #include <fmt/format.h>
 
-#include "Q7Sync/Backoff.h"
 #include "Q7Sync/Service.h"
 #include "Wex/EventLoop.h"
 #include "Wex/Path.h"
@@ -154,19 +153,6 @@ TEST_F(SyncService, WhatFailedIsAskedForAgainAndMirroredOnceItCanBe) {
     EXPECT_EQ(status.seen, connected(fmt::format("failed (refused by 127.0.0.1:{}: path '/pub/state/interfaces' is not "
                                                  "published; next ask in ~ s)|inSync (snapshot of 1 entry complete)",
                                                  port)));
-}
-
-TEST(Backoff, EachWaitIsBetweenHalfAndAllOfADoublingCeilingUpToTheCap) {
-    ::Q7Sync::Backoff backoff(7);
-    std::chrono::milliseconds ceiling = ::Q7Sync::Backoff::kFirst;
-    for (int i = 0; i < 12; ++i) {
-        auto const wait = backoff.next();
-        EXPECT_GE(wait, ceiling / 2) << "try " << i;
-        EXPECT_LE(wait, ceiling) << "try " << i;
-        ceiling = std::min(ceiling * 2, std::chrono::milliseconds(::Q7Sync::Backoff::kCap));
-    }
-    backoff.reset();
-    EXPECT_LE(backoff.next(), ::Q7Sync::Backoff::kFirst);
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// Addresses and request flags: text forms, readers and the edges between families.
+// Addresses: text forms, readers and the edges between families.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -11,13 +11,11 @@
 #include <fmt/format.h>
 
 #include "Kivu/IpGenAddr.h"
-#include "Q7Sync/Flags.h"
 #include "Wex/CharRange.h"
 
 namespace {
 
 using Kivu::IpGenAddr;
-using Flags = Q7Sync::WexUtils::SyncRequestFlags;
 
 IpGenAddr addr(std::string_view s) { return *IpGenAddr::fromString(s); }
 
@@ -83,23 +81,6 @@ TEST(Address, UnspecifiedIsAFamilyOfItsOwnReadAndPrintedAsSuch) {
     EXPECT_LT(none, addr("0.0.0.0"));
     EXPECT_LT(addr("10.0.0.2"), addr("10.0.0.10"));
     EXPECT_LT(addr("255.255.255.255"), addr("::"));
-}
-
-TEST(Flags, TextFormRoundTripsEveryValueAndTheReaderRefusesAnythingElseMovingNothing) {
-    EXPECT_EQ(Q7Sync::valueToStrep(Flags(0xb5)), "WRITE|SNAPSHOT|SEED|0x20|0x80");
-    std::vector<std::string> const bad = {"READ", "WRITE|WRITE", "WRITE|", "|WRITE", "0x01",
-                                          "0x20x", "0x2g",        "write",  "",       "NONE|WRITE"};
-    for (unsigned v = 0; v < 256; ++v) {
-        std::string const text = Q7Sync::valueToStrep(Flags(v));
-        Wex::CharRange r(text);
-        EXPECT_EQ(Q7Sync::sequenceToValue(r), Flags(v)) << text;
-        EXPECT_TRUE(r.empty());
-    }
-    for (std::string const& text : bad) {
-        Wex::CharRange r(text);
-        EXPECT_THROW(Q7Sync::sequenceToValue(r), Wex::RangeException) << text;
-        EXPECT_EQ(r.remaining(), text);
-    }
 }
 
 } // namespace
