@@ -70,16 +70,6 @@ TEST(ShowCommandFirstUseTest, TheCommandBuildsTheModuleWhenItRunsAndDumpsAllOfIt
               (std::vector<std::string>{made + fmt::format("{:x}", first.fd()), ran,
                                         made + fmt::format("{:x}", second.fd()), ran}));
     EXPECT_EQ(traces.at(1, "Agent"), std::vector<std::string>()) << "a status other than 0 is recorded";
-
-    // An instance is made by reflection from the invocation's parameters as well, and nothing else.
-    using Params = ::Agent::AgentCommandCallbackParams;
-    args.add("params", Wex::Value::of(Lumo::Ptr<Params>(new Params(kCommand, second.fd()))));
-    Wex::Value const instance = Wex::wexTypeOf<ShowQ7SyncDebugSm>()->newValue(args);
-    ASSERT_TRUE(instance.as<Lumo::Ptr<ShowQ7SyncDebugSm>>() && instance.object()->notificationActive());
-    EXPECT_EQ((*instance.as<Lumo::Ptr<ShowQ7SyncDebugSm>>())->formatDerivedType(), "Kel::Q7Sync::ShowQ7SyncDebugSm");
-    EXPECT_THROW(Wex::wexTypeOf<ShowQ7SyncDebugCallback>()->newValue(args), Wex::NewEntityArgsException);
-    args.add("extra", Wex::Value::of(1));
-    EXPECT_THROW(Wex::wexTypeOf<ShowQ7SyncDebugSm>()->newValue(args), Wex::NewEntityArgsException);
 }
 
 } // namespace

@@ -94,14 +94,13 @@ TEST_F(HostTest, ASubscriptionOfThisAgentsOwnPathMirrorsItThroughTheLoop) {
 // Each bad line prints "error: ...; usage: <its usage>" and leaves module, host, service and state as they were.
 TEST_F(HostTest, AMalformedLineIsOneErrorWithItsUsageAndChangesNothing) {
     // A conflicting pair held back, a subscription of another type and flags, published state; no loop.
-    std::string const setUp = replay(R"(> listen 127.0.0.1 0
+    replay(R"(> listen 127.0.0.1 0
 > subscribe 127.0.0.1 6042 /sys/state/routes routes
 > subscribe 127.0.0.1 6042 /sys/state/routes routes-reliable --flags RELIABLE
 > subscribe fd00::14 6042 sys/state/interfaces ifaces --type Kel::Q7Sync::SyncContainer --flags RELIABLE
 > handler add ifaces
 > publish /sys/state/hostname
 > set /sys/state/hostname "'agent-a'")");
-    EXPECT_NE(setUp.find("'ifaces': container ifaces of Kel::Q7Sync::SyncContainer at /q7/remote/fd00::14:"), std::string::npos);
     auto const state = [&] {
         return replay("> show dumpStateQ7SyncModule\n> statuses\n> get /sys/state/hostname") +
                fmt::format("{} requests, {} at the top", shell.host().requests(), Wex::System::globalDir()->entities());

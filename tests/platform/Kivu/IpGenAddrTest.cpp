@@ -11,7 +11,6 @@
 #include <fmt/format.h>
 
 #include "Kivu/IpGenAddr.h"
-#include "Wex/CharRange.h"
 
 namespace {
 
@@ -69,14 +68,6 @@ TEST(Address, UnspecifiedIsAFamilyOfItsOwnReadAndPrintedAsSuch) {
     EXPECT_EQ(IpGenAddr(AF_INET6), addr("::"));
     EXPECT_EQ(Kivu::valueToStrep(none), "unspecified");
     EXPECT_EQ(written(none), "0.0.0.0");
-    // The reader takes one token, and moves nothing when it is no address.
-    Wex::CharRange r("unspecified, 10.0.0.1}) 10.0.0.300})");
-    EXPECT_EQ(Kivu::sequenceToValue(r), none);
-    r.require(", ", "comma");
-    EXPECT_EQ(Kivu::sequenceToValue(r), addr("10.0.0.1"));
-    r.require("}) ", "end");
-    EXPECT_THROW(Kivu::sequenceToValue(r), Wex::RangeException);
-    EXPECT_EQ(r.remaining(), "10.0.0.300})");
     // Ordered by family, then by bytes.
     EXPECT_LT(none, addr("0.0.0.0"));
     EXPECT_LT(addr("10.0.0.2"), addr("10.0.0.10"));
