@@ -426,16 +426,15 @@ TEST(ModelTest, RandomSequencesEndInTheStateTheModelPredicts) {
         std::uint64_t const sequences = fromEnv("Q7_MODEL_SEQUENCES").value_or(kDefaultSequences);
         std::random_device entropy;
         std::uint64_t const randomSeed = std::uint64_t(entropy()) << 32 | entropy();
-        std::printf("model: seeds %llu..%llu and the random seed %llu (replay one with Q7_MODEL_SEED=<seed>)\n",
-                    static_cast<unsigned long long>(first), static_cast<unsigned long long>(first + sequences - 1),
-                    static_cast<unsigned long long>(randomSeed));
+        fmt::print("model: seeds {}..{} and the random seed {} (replay one with Q7_MODEL_SEED=<seed>)\n", first,
+                   first + sequences - 1, randomSeed);
         for (std::uint64_t n = 0; n <= sequences; ++n) {
             std::uint64_t const seed = n < sequences ? first + n : randomSeed;
             std::string const failure = Sequence(seed, *module, false).run();
             // The shared module may be left in any state after a divergence: stop at the first.
             ASSERT_TRUE(failure.empty()) << failure << "replay: Q7_MODEL_SEED=" << seed;
         }
-        std::printf("model: %llu sequences, 0 divergences\n", static_cast<unsigned long long>(sequences + 1));
+        fmt::print("model: {} sequences, 0 divergences\n", sequences + 1);
     }
     ::Q7Sync::Service::instance().callLogIs(false);
     Memtrail::defaultHandleIs(previous);

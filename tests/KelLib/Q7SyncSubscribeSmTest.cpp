@@ -165,13 +165,6 @@ TEST_F(SubscribeSmTest, ASubscriptionIsSubscribedWhileInForceWithItsContainerRec
     status->syncContainerDel(cfg);
     EXPECT_EQ(takeCalls(), Calls{unsubscribeCall(cfg)});
     EXPECT_FALSE(subscribeStatus->pathSubscribeStatus(cfg) || sm->q7SyncStatus(cfg.remoteUri()));
-    record(cfg);
-    EXPECT_EQ(takeCalls(), Calls{subscribeCall(cfg)});
-    effective->pathSubscribeConfigDel(cfg);
-    status->syncContainerDel(cfg);
-    EXPECT_EQ(takeCalls(), Calls{unsubscribeCall(cfg)});
-    EXPECT_TRUE(subscribeStatus->pathSubscribeStatus().empty());
-    EXPECT_TRUE(sm->wexQ7SyncStatus().empty());
 }
 
 // Reactors act on the state present when they are built: the container reactor adds what is in
