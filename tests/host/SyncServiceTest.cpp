@@ -1,6 +1,11 @@
 // The sync service in one process: an agent's state served on loopback and mirrored into another.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <map>
 #include <string>
@@ -123,6 +128,26 @@ TEST_F(SyncService, MirrorsOfOneAgentShareItsConnectionAndFollowEachChangeUntilT
                                                    port)));
     service.unsubscribe(Lumo::String(uri("/pub/state/hostname")));
     EXPECT_EQ(service.peers(), 0u);
+}
+
+// A listener whose queue is full: the system drops further connection requests unanswered. The
+// attempt is given up once, when the connect timeout fires, and tried again later.
+TEST_F(SyncService, AConnectionNeverAnsweredIsGivenUpOnceAtTheTimeout) {
+    int const listener = ::socket(AF_INET, SOCK_STREAM, 0), filler = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof at;
+    auto* const addr = reinterpret_cast<sockaddr*>(&at);
+    ASSERT_EQ(::bind(listener, addr, size) + ::listen(listener, 0) + ::getsockname(listener, addr, &size), 0);
+    ASSERT_EQ(::connect(filler, addr, size), 0);
+    Trail const status = subscribe(fmt::format("127.0.0.1:{}/pub/state/interfaces", ntohs(at.sin_port)));
+    auto const givenUp = [&] { return status->reason().view().starts_with("no answer within 5 s; next try in "); };
+    EXPECT_TRUE(Wex::runUntil(givenUp, 6s)) << status->reason();
+    Wex::runUntil([] { return false; }, 200ms);  // what the abandoned attempt may still report
+    EXPECT_TRUE(givenUp()) << status->reason();
+    ::close(filler);
+    ::close(listener);
 }
 
 TEST_F(SyncService, WhatFailedIsAskedForAgainAndMirroredOnceItCanBe) {
