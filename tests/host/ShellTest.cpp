@@ -120,8 +120,6 @@ TEST_F(HostTest, AMalformedLineIsOneErrorWithItsUsageAndChangesNothing) {
         {"subscribe 127.0.0.1 70000 /sys/state/x x --type Wex::Dir", kSubscribe},
         {"publish /other/state/interfaces --type No::Such", "publish PATH [--type TYPE]"},
         {"set /sys/state/hostname agent b", "set PATH KEY VALUE | set PATH VALUE"},
-        {"delete /sys/state/hostname agent-a", "delete PATH KEY"},
-        {"get /sys/state", "get PATH"},
         {"wait seconds 0", "wait status URI STATUS | entry PATH KEY [VALUE] | absent PATH KEY [--timeout S] | seconds S"},
         {"trace KelQ7SyncSubscribeSm 10", "trace HANDLE LEVEL... [--off]"},
     };

@@ -138,16 +138,6 @@ TEST_F(ShowCommandTest, TheAnchorServesTheLatestCallbackOfANameAndOnlyOnesMadeOn
                  Wex::NewEntityArgsException);
 }
 
-TEST(TaskScheduler, ATaskMayDropTheLastReferenceToTheScheduler) {
-    Lumo::Ptr<TaskScheduler> held(new TaskScheduler());
-    TaskScheduler& s = *held;
-    bool ran = false;
-    s.taskIs([&] { held = nullptr; });
-    s.taskIs([&] { ran = true; });
-    EXPECT_EQ(s.runPending(), 2u);  // the scheduler goes once it has run every task
-    EXPECT_TRUE(ran);
-}
-
 TEST(CliTxnBuffer, OutputIsHeldUntilTheBufferFillsAndAPieceTooLargeForItGoesOutAtOnce) {
     TempFile file;
     Lumo::Ptr<NonBlockingCliTxnBuffer> const buffer(new NonBlockingCliTxnBuffer(file.fd(), 10));

@@ -110,8 +110,7 @@ TEST(DumpTest, AGraphIsWrittenInTableOrderWithEachObjectOnceInEveryCall) {
     Oru::dumpObject(ctx, *ctx);
     writer->hasNotificationActiveIs(false);
     EXPECT_EQ(file.fresh(), fmt::format("{} (Oru::DumpContext)\n  fd: {}\n  level: 3\n  followWeakReferences: false\n"
-                                        "  objectsShown: 8\n",
-                                        addr(ctx.ptr()), file.fd()));
+                                        "  objectsShown: 8\n", addr(ctx.ptr()), file.fd()));
 
     // What cannot be walked is said in one line, through the context's own buffer again.
     ctx->writerIs(nullptr);
