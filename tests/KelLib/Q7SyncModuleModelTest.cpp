@@ -411,9 +411,7 @@ std::optional<std::uint64_t> fromEnv(char const* name) {
 
 TEST(ModelTest, RandomSequencesEndInTheStateTheModelPredicts) {
     // Every trace point writes a record here; a level-0 record fails the sequence.
-    Memtrail::Handle traces(8);
-    Memtrail::Handle* const previous = Memtrail::defaultHandle();
-    Memtrail::defaultHandleIs(&traces);
+    TraceRecords const traces(8);
     ::Q7Sync::Service::instance().reset();
     ::Q7Sync::Service::instance().callLogIs(true);
     Lumo::Ptr<Module> const module = Module::get();
@@ -437,7 +435,6 @@ TEST(ModelTest, RandomSequencesEndInTheStateTheModelPredicts) {
         fmt::print("model: {} sequences, 0 divergences\n", sequences + 1);
     }
     ::Q7Sync::Service::instance().callLogIs(false);
-    Memtrail::defaultHandleIs(previous);
 }
 
 }  // namespace

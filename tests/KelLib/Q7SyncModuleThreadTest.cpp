@@ -10,6 +10,7 @@
 
 #include "Memtrail/Memtrail.h"
 #include "support/FreshProcess.h"
+#include "support/SyncTestSupport.h"
 
 namespace Kel::Q7Sync::Test {
 namespace {
@@ -27,9 +28,7 @@ std::size_t constructionsRecorded(Memtrail::Handle const& records) {
 }
 
 void raceForTheFirstModule() {
-    Memtrail::Handle records(256);
-    Memtrail::Handle* const previous = Memtrail::defaultHandle();
-    Memtrail::defaultHandleIs(&records);
+    TraceRecords const traces;
 
     // Each caller also reads the built module: one that found it already there must see it
     // whole, as the one that built it left it.
@@ -50,10 +49,9 @@ void raceForTheFirstModule() {
         EXPECT_EQ(seen[i], got[0]->remoteDir().ptr()) << "caller " << i;
     }
     EXPECT_EQ(got[0]->references(), std::uint32_t(kCallers) + 1) << "one reference per caller and the shared one";
-    EXPECT_EQ(constructionsRecorded(records), 1u);
+    EXPECT_EQ(constructionsRecorded(traces.handle()), 1u);
     for (auto& p : got) p = nullptr;
     EXPECT_EQ(Module::get()->references(), 2u);
-    Memtrail::defaultHandleIs(previous);
 }
 
 TEST(ModuleThreadTest, SixteenFirstCallersAtOnceShareOneModuleBuiltOnce) {

@@ -129,7 +129,9 @@ private:
 // The trace records written during the test, for one handle as "Class::function: message".
 class TraceRecords {
 public:
-    TraceRecords() : previous_(Memtrail::defaultHandle()) { Memtrail::defaultHandleIs(&records_); }
+    explicit TraceRecords(std::size_t capacity = 256) : records_(capacity), previous_(Memtrail::defaultHandle()) {
+        Memtrail::defaultHandleIs(&records_);
+    }
     TraceRecords(TraceRecords const&) = delete;
     TraceRecords& operator=(TraceRecords const&) = delete;
     ~TraceRecords() { Memtrail::defaultHandleIs(previous_); }
@@ -142,9 +144,10 @@ public:
         return out;
     }
     void clear() { records_.clear(); }
+    Memtrail::Handle const& handle() const noexcept { return records_; }
 
 private:
-    Memtrail::Handle records_{256};
+    Memtrail::Handle records_;
     Memtrail::Handle* previous_;
 };
 
