@@ -9,7 +9,7 @@
 namespace Q7Agent {
 
 // Watches the entries of one container, from the hand-over to the withdrawal.
-class PrintingHandler::EntryPrinter : public StateContainer::State::Watcher {
+class PrintingHandler::EntryPrinter final : public StateContainer::State::Watcher {
 public:
     using Entry = StateContainer::State::Member;
 
