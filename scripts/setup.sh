@@ -18,6 +18,7 @@ PACKAGES=(
   libcli11-dev         # the host program's option parsing
   libasio-dev          # the event loop: sockets, timers and the host's input (README, Libraries)
   libprotobuf-dev protobuf-compiler  # the sync protocol's messages and framing
+  libssl-dev openssl   # mutual TLS between agents; the run command and tests make a throwaway authority
   iproute2             # ss: the tests look at the connections agents hold
 )
 PACKAGES+=("$@")

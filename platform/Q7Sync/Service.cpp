@@ -8,6 +8,7 @@
 
 #include "Q7Sync/Peer.h"
 #include "Q7Sync/Server.h"
+#include "Q7Sync/Tls.h"
 #include "Wex/EventLoop.h"
 #include "Wex/Exception.h"
 
@@ -189,6 +190,15 @@ void Service::unpublish(std::string_view path) {
 std::vector<std::string> Service::publishedPaths() const {
     std::vector<std::string> out;
     for (auto const& [path, publication] : publications_) out.push_back(path);
+    return out;
+}
+
+void Service::credentialsIs(Credentials const& credentials) { tls_ = std::make_shared<Tls>(credentials); }
+
+std::string Service::dump() const {
+    std::string out;
+    for (auto const& [key, endpoint] : endpoints_) out += fmt::format("endpoint {}: {} connections\n", key, endpoint->sessions());
+    for (auto const& [key, peer] : peers_) out += fmt::format("peer {}: {}\n", key, peer->connected() ? "connected" : "not connected");
     return out;
 }
 

@@ -30,6 +30,14 @@ void close(std::string const& hostAddr, std::uint16_t port);
 class Endpoint;
 class Peer;
 class Publication;
+class Tls;
+
+// An agent's identity for mutual TLS: files in PEM form.
+struct Credentials {
+    std::string certificate;  // this agent's certificate (or chain), signed by the authority
+    std::string privateKey;   // its key
+    std::string authority;    // the authority whose certificates peers must present
+};
 
 // The service as it runs inside this process, on the framework's event loop (Wex::eventLoop).
 //  - Serving: each listening endpoint accepts peers and serves them the paths published here,
@@ -62,6 +70,21 @@ public:
     // Stops serving `path`; its subscribers are told it is refused from now on.
     void unpublish(std::string_view path);
     std::vector<std::string> publishedPaths() const;
+
+    // Write-sync data is accepted below this directory only, as "<root>/<key>/<attribute>".
+    static constexpr std::string_view kWriteSyncRoot = "/q7/writeSync";
+
+    // From now on every connection, made or accepted, is mutual TLS with these credentials: a
+    // peer without a certificate from the authority is refused at the handshake. A file that
+    // cannot be used is a std::runtime_error with the reason, and changes nothing. Connections
+    // already open stay as they are.
+    void credentialsIs(Credentials const& credentials);
+    bool secured() const noexcept { return tls_ != nullptr; }
+
+    // The service's state for a person: each endpoint with its connections (what is queued for
+    // each: bytes, and entries waiting per stream) and the last connections it closed and why;
+    // each remote agent with its connection and streams.
+    std::string dump() const;
 
     // The owner's controls.
     void callLogIs(bool on, std::size_t capacity = 4096);
@@ -110,6 +133,7 @@ private:
     std::map<std::string, std::shared_ptr<Peer>, std::less<>> peers_;
     std::map<std::string, std::shared_ptr<Endpoint>, std::less<>> endpoints_;
     std::map<std::string, std::unique_ptr<Publication>, std::less<>> publications_;
+    std::shared_ptr<Tls> tls_;
     std::deque<Call> calls_;
     bool callLog_ = false;
     std::size_t callCapacity_ = 4096;
