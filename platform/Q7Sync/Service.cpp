@@ -198,7 +198,6 @@ void Service::credentialsIs(Credentials const& credentials) { tls_ = std::make_s
 std::string Service::dump() const {
     std::string out;
     for (auto const& [key, endpoint] : endpoints_) out += fmt::format("endpoint {}: {} connections\n", key, endpoint->sessions());
-    for (auto const& [key, peer] : peers_) out += fmt::format("peer {}: {}\n", key, peer->connected() ? "connected" : "not connected");
     return out;
 }
 
