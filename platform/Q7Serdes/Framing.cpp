@@ -14,7 +14,7 @@ void frameAppend(q7serdes::Frame const& frame, std::string& out) {
 
 FrameReader::Result FrameReader::next(q7serdes::Frame& frame) {
     auto const* data = reinterpret_cast<std::uint8_t const*>(buffer_.data()) + consumed_;
-    int const available = int(std::min<std::size_t>(buffered(), kMaxFrameBytes + 16));
+    int const available = int(std::min<std::size_t>(buffered(), maxFrameBytes_ + 16));
     google::protobuf::io::CodedInputStream in(data, available);
     std::uint32_t length = 0;
     if (!in.ReadVarint32(&length)) {
@@ -23,8 +23,8 @@ FrameReader::Result FrameReader::next(q7serdes::Frame& frame) {
         error_ = "frame length unreadable";
         return Result::malformed;
     }
-    if (length > kMaxFrameBytes) {
-        error_ = "frame of " + std::to_string(length) + " bytes exceeds the limit of " + std::to_string(kMaxFrameBytes);
+    if (length > maxFrameBytes_) {
+        error_ = "frame of " + std::to_string(length) + " bytes exceeds the limit of " + std::to_string(maxFrameBytes_);
         return Result::malformed;
     }
     std::size_t const header = std::size_t(in.CurrentPosition());
@@ -38,6 +38,8 @@ FrameReader::Result FrameReader::next(q7serdes::Frame& frame) {
     if (consumed_ == buffer_.size()) {
         buffer_.clear();
         consumed_ = 0;
+        // A large frame's room is given back: a peer cannot keep it taken.
+        if (buffer_.capacity() > (std::size_t{1} << 20)) std::string().swap(buffer_);
     } else if (consumed_ > 65536 && consumed_ * 2 > buffer_.size()) {
         buffer_.erase(0, consumed_);
         consumed_ = 0;

@@ -16,8 +16,9 @@ std::string valueToStrep(SyncStatusEnum s) {
     return fmt::format("status{}", unsigned(s));
 }
 
-SyncStatus::SyncStatus(Lumo::String uri, Lumo::String localUri)
-    : uri_(std::move(uri)), localUri_(std::move(localUri)), peer_(uri_.view().substr(0, uri_.view().find('/'))) {}
+SyncStatus::SyncStatus(Lumo::String uri, Lumo::String localUri, std::uint8_t requestFlags)
+    : uri_(std::move(uri)), localUri_(std::move(localUri)), peer_(uri_.view().substr(0, uri_.view().find('/'))),
+      requestFlags_(requestFlags) {}
 
 SyncStatus::~SyncStatus() { hasNotificationActiveIs(false); }
 

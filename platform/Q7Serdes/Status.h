@@ -22,13 +22,15 @@ public:
     // Attribute identifiers count from 130 in declaration order.
     static constexpr Wex::AttributeId kUri = 130, kLocalUri = 131, kPeer = 132, kStatus = 133, kReason = 134;
 
-    // `uri` is "<peer>/<path>": the peer is the text before its first '/'.
-    SyncStatus(Lumo::String uri, Lumo::String localUri);
+    // `uri` is "<peer>/<path>": the peer is the text before its first '/'. `requestFlags`: the
+    // sync service's request flags it was subscribed with, as their 8-bit value.
+    SyncStatus(Lumo::String uri, Lumo::String localUri, std::uint8_t requestFlags = 0);
 
     Lumo::String const& uri() const noexcept { return uri_; }
     Lumo::String const& localUri() const noexcept { return localUri_; }
     // The agent that serves the uri, as "<address>:<port>".
     Lumo::String const& peer() const noexcept { return peer_; }
+    std::uint8_t requestFlags() const noexcept { return requestFlags_; }
     SyncStatusEnum status() const noexcept { return status_; }
     Lumo::String const& reason() const noexcept { return reason_; }
 
@@ -46,6 +48,7 @@ private:
     Lumo::String uri_;
     Lumo::String localUri_;
     Lumo::String peer_;
+    std::uint8_t requestFlags_;
     SyncStatusEnum status_ = SyncStatusEnum::notConnected;
     Lumo::String reason_;
     mutable Lumo::Publisher publisher_;

@@ -1,81 +1,182 @@
-// Q7Sync::Channel: asynchronous reads and gathered writes of sync frames.
+// Q7Sync::Channel: the handshake, asynchronous reads and gathered writes, heartbeats.
 #include "Q7Sync/Channel.h"
 
 #include <asio/read.hpp>
+#include <asio/ssl/error.hpp>
 #include <asio/write.hpp>
+#include <fmt/format.h>
+
+#include "Q7Sync/Tls.h"
 
 namespace Q7Sync {
 
-Channel::Channel(asio::ip::tcp::socket socket) : socket_(std::move(socket)) {
+namespace {
+// A TLS connection opens with a handshake record; anything else is a peer in the clear.
+constexpr unsigned char kTlsHandshakeRecord = 0x16;
+// Buffers that grew for a burst are given back once it is written.
+constexpr std::size_t kKeepCapacity = std::size_t{1} << 20;
+
+void trim(std::string& buffer) {
+    if (buffer.empty() && buffer.capacity() > kKeepCapacity) std::string().swap(buffer);
+}
+} // namespace
+
+Channel::Channel(asio::ip::tcp::socket socket, Role role, std::shared_ptr<Tls> tls, std::size_t maxFrameBytes)
+    : socket_(std::move(socket)), role_(role), reader_(maxFrameBytes), heartbeat_(socket_.get_executor()) {
     asio::error_code ignored;
     socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
+    auto const remote = socket_.remote_endpoint(ignored);
+    peerName_ = fmt::format("{}:{}", remote.address().to_string(), remote.port());
+    if (tls) tls_.emplace(std::move(socket_), tls->context());
 }
 
-void Channel::start(FrameHandler onFrame, CloseHandler onClosed) {
-    onFrame_ = std::move(onFrame);
-    onClosed_ = std::move(onClosed);
+Channel::~Channel() { close(); }
+
+void Channel::start(Handlers handlers) {
+    handlers_ = std::move(handlers);
+    lastHeard_ = std::chrono::steady_clock::now();
+    heartbeat();
+    if (!tls_) opened();
+    else if (role_ == Role::accepting) refuseCleartext();
+    else handshake();
+}
+
+// A peer that speaks in the clear to an agent that requires TLS is told why in its own terms
+// before the connection closes, rather than left with a handshake it cannot read.
+void Channel::refuseCleartext() {
+    socket().async_receive(asio::buffer(incoming_.data(), 1), asio::socket_base::message_peek,
+                           [self = shared_from_this()](asio::error_code ec, std::size_t n) {
+                               if (self->closed_) return;
+                               if (ec) return self->fail(self->errorReason(ec));
+                               if (n == 1 && static_cast<unsigned char>(self->incoming_[0]) == kTlsHandshakeRecord)
+                                   return self->handshake();
+                               std::string const reason = "this agent accepts mutual TLS only";
+                               q7serdes::Frame frame;
+                               frame.mutable_closing()->set_reason(reason + ": connect with a certificate of its authority");
+                               auto bytes = std::make_shared<std::string>();
+                               Q7Serdes::frameAppend(frame, *bytes);
+                               asio::async_write(self->socket(), asio::buffer(*bytes),
+                                                 [self, bytes](asio::error_code, std::size_t) { self->close(); });
+                               auto const closed = std::move(self->handlers_.closed);
+                               self->closed_ = true;  // told once, here; the socket closes once the frame is out
+                               closed("refused at the TLS handshake: the peer spoke in the clear");
+                           });
+}
+
+void Channel::handshake() {
+    auto const type = role_ == Role::connecting ? asio::ssl::stream_base::client : asio::ssl::stream_base::server;
+    tls_->async_handshake(type, [self = shared_from_this()](asio::error_code ec) {
+        if (self->closed_) return;
+        if (ec) return self->fail(self->errorReason(ec));
+        self->opened();
+    });
+}
+
+void Channel::opened() {
+    opened_ = true;
+    if (!pending_.empty()) write();
     read();
-}
-
-asio::ip::tcp::endpoint Channel::remote() const {
-    asio::error_code ignored;
-    return socket_.remote_endpoint(ignored);
+    if (handlers_.open && !closed_) handlers_.open();
 }
 
 void Channel::send(q7serdes::Frame const& frame) {
-    if (closed_) return;
+    if (closed_ || ending_) return;
     Q7Serdes::frameAppend(frame, pending_);
-    if (writing_.empty()) write();
+    wroteSinceBeat_ = true;
+    if (opened_ && writing_.empty()) write();
+}
+
+void Channel::end(std::string const& reason) {
+    if (closed_ || ending_) return;
+    q7serdes::Frame frame;
+    frame.mutable_closing()->set_reason(reason);
+    send(frame);
+    ending_ = true;
+    if (!opened_) close();
 }
 
 void Channel::close() noexcept {
     // The handlers stay: close() may come from inside one of them.
     closed_ = true;
+    try {
+        heartbeat_.cancel();
+    } catch (std::exception const&) {
+        // Cancelling fails only when the system cannot; its handler then finds the channel closed.
+    }
     asio::error_code ignored;
-    socket_.close(ignored);
+    socket().close(ignored);
+}
+
+void Channel::heartbeat() {
+    heartbeat_.expires_after(kHeartbeatEvery);
+    heartbeat_.async_wait([weak = weak_from_this()](asio::error_code ec) {
+        auto const self = weak.lock();
+        if (!self || ec || self->closed_) return;
+        if (std::chrono::steady_clock::now() - self->lastHeard_ >= kSilenceLimit) {
+            return self->fail(self->opened_ ? fmt::format("nothing heard from the peer for {} s", kSilenceLimit.count())
+                                            : fmt::format("no TLS handshake within {} s", kSilenceLimit.count()));
+        }
+        if (self->opened_ && !self->wroteSinceBeat_) {
+            q7serdes::Frame beat;
+            beat.mutable_heartbeat();
+            self->send(beat);
+        }
+        self->wroteSinceBeat_ = false;
+        self->heartbeat();
+    });
+}
+
+std::string Channel::errorReason(asio::error_code const& ec) const {
+    if (ec == asio::error::eof || ec == asio::ssl::error::stream_truncated) return "closed by the peer";
+    if (ec.category() != asio::error::get_ssl_category()) return ec.message();
+    return fmt::format("{}: {}", heardFrame_ ? "TLS error" : "refused at the TLS handshake", tlsReason(ec));
 }
 
 void Channel::read() {
-    socket_.async_read_some(asio::buffer(incoming_), [self = shared_from_this()](asio::error_code ec, std::size_t n) {
-        if (self->closed_) return;
-        if (ec) {
-            self->fail(ec == asio::error::eof ? "closed by the peer" : ec.message());
-            return;
-        }
+    auto const done = [self = shared_from_this()](asio::error_code ec, std::size_t n) {
+        if (self->closed_ || self->ending_) return;
+        if (ec) return self->fail(self->errorReason(ec));
+        self->lastHeard_ = std::chrono::steady_clock::now();
         self->reader_.append(self->incoming_.data(), n);
         for (;;) {
             switch (self->reader_.next(self->frame_)) {
             case Q7Serdes::FrameReader::Result::needMore:
-                self->read();
-                return;
+                return self->read();
             case Q7Serdes::FrameReader::Result::malformed:
-                self->fail(self->reader_.error());
-                return;
+                return self->fail(self->reader_.error());
             case Q7Serdes::FrameReader::Result::frame:
-                self->onFrame_(self->frame_);
-                if (self->closed_) return;
+                self->heardFrame_ = true;
+                if (self->frame_.has_heartbeat()) break;
+                if (self->frame_.has_closing())
+                    return self->fail(fmt::format("closed by the peer: {}", self->frame_.closing().reason()));
+                self->handlers_.frame(self->frame_);
+                if (self->closed_ || self->ending_) return;
                 break;
             }
         }
-    });
+    };
+    withStream([&](auto& stream) { stream.async_read_some(asio::buffer(incoming_), done); });
 }
 
 void Channel::write() {
     writing_.swap(pending_);
-    asio::async_write(socket_, asio::buffer(writing_), [self = shared_from_this()](asio::error_code ec, std::size_t) {
+    auto const done = [self = shared_from_this()](asio::error_code ec, std::size_t) {
         self->writing_.clear();
+        trim(self->writing_);
+        trim(self->pending_);
         if (self->closed_) return;
-        if (ec) {
-            self->fail(ec.message());
-            return;
-        }
+        if (ec) return self->fail(self->errorReason(ec));
         if (!self->pending_.empty()) self->write();
-    });
+        else if (self->ending_) return self->close();
+        if (self->handlers_.written) self->handlers_.written();
+    };
+    withStream([&](auto& stream) { asio::async_write(stream, asio::buffer(writing_), done); });
 }
 
 void Channel::fail(std::string const& reason) {
+    if (closed_) return;
     close();
-    onClosed_(reason);
+    if (handlers_.closed) handlers_.closed(reason);
 }
 
 } // namespace Q7Sync

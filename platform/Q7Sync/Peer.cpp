@@ -1,4 +1,4 @@
-// Q7Sync::Peer: connecting with backoff, asking for paths, and mirroring what arrives.
+// Q7Sync::Peer: connecting with backoff, asking for paths, mirroring what arrives, pushing writes.
 #include "Q7Sync/Peer.h"
 
 #include <fmt/format.h>
@@ -7,6 +7,9 @@
 #include <vector>
 
 #include "Q7Sync/Channel.h"
+#include "Q7Sync/Mirror.h"
+#include "Q7Sync/Publication.h"
+#include "Wex/Exception.h"
 #include "Wex/Path.h"
 
 namespace Q7Sync {
@@ -14,8 +17,9 @@ namespace Q7Sync {
 using Q7Serdes::WexUtils::SyncStatus;
 using Q7Serdes::WexUtils::SyncStatusEnum;
 
-Peer::Peer(asio::io_context& loop, std::string key, asio::ip::tcp::endpoint remote)
-    : key_(std::move(key)), remote_(std::move(remote)), timer_(loop), askAgain_(loop), socket_(loop) {}
+Peer::Peer(asio::io_context& loop, std::string key, asio::ip::tcp::endpoint remote, std::shared_ptr<Tls> tls)
+    : key_(std::move(key)), remote_(std::move(remote)), tls_(std::move(tls)), timer_(loop), askAgain_(loop),
+      socket_(loop) {}
 
 Peer::~Peer() { stop(); }
 
@@ -29,28 +33,32 @@ void Peer::stop() noexcept {
     }
     asio::error_code ignored;
     socket_.close(ignored);
+    for (auto& [id, stream] : streams_) stream.feed.reset();
     if (channel_) channel_->close();
     channel_.reset();
 }
 
-void Peer::subscriptionIs(Lumo::Ptr<SyncStatus> const& status, std::string path) {
+void Peer::subscriptionIs(Lumo::Ptr<SyncStatus> const& status, std::string path, bool write) {
     bool const first = streams_.empty();
     std::uint32_t const id = nextId_++;
     Stream& stream = streams_[id];
     stream.status = status;
     stream.path = std::move(path);
-    if (channel_) request(id, stream);
-    else if (first && !connecting_) schedule(std::chrono::milliseconds(0));
+    stream.write = write;
+    if (!write) stream.mirror = std::make_shared<Mirror>(status->localUri().str());
+    if (open_) request(id, stream);
+    else if (first && !connecting_ && !channel_) schedule(std::chrono::milliseconds(0));
 }
 
 void Peer::subscriptionDel(Lumo::String const& uri) {
     for (auto it = streams_.begin(); it != streams_.end(); ++it) {
         if (it->second.status->uri() != uri) continue;
-        if (channel_) {
+        if (open_) {
             q7serdes::Frame frame;
             frame.mutable_unsubscribe()->set_stream(it->first);
             channel_->send(frame);
         }
+        if (it->second.mirror) it->second.mirror->ended();
         streams_.erase(it);
         return;
     }
@@ -104,28 +112,67 @@ void Peer::connect() {
 void Peer::connected() {
     connecting_ = false;
     timer_.cancel();
+    channel_ = std::make_shared<Channel>(std::move(socket_), Channel::Role::connecting, tls_, Q7Serdes::kMaxFrameBytes);
+    socket_ = asio::ip::tcp::socket(timer_.get_executor());
+    channel_->start({.open = [this] { opened(); },
+                     .frame = [this](q7serdes::Frame const& frame) { onFrame(frame); },
+                     .written =
+                         [this] {
+                             for (auto& [id, stream] : streams_)
+                                 if (stream.feed) stream.feed->flush();
+                         },
+                     .closed = [this](std::string const& why) { lost(fmt::format("connection lost: {}", why)); }});
+}
+
+void Peer::opened() {
+    open_ = true;
     backoff_.reset();
     askAgainBackoff_.reset();
-    channel_ = std::make_shared<Channel>(std::move(socket_));
-    socket_ = asio::ip::tcp::socket(timer_.get_executor());
-    channel_->start([this](q7serdes::Frame const& frame) { onFrame(frame); },
-                    [this](std::string const& why) { lost(fmt::format("connection lost: {}", why)); });
     auto const self = shared_from_this();
     for (std::uint32_t id : ids())
-        if (Stream* stream = streamOf(id); stream && channel_) request(id, *stream);
+        if (Stream* stream = streamOf(id); stream && open_) request(id, *stream);
 }
 
 void Peer::request(std::uint32_t id, Stream& stream) {
-    stream.snapshotting = true;
     stream.failed = false;
-    stream.seen.clear();
     q7serdes::Frame frame;
-    frame.mutable_subscribe()->set_stream(id);
-    frame.mutable_subscribe()->set_path(stream.path);
-    channel_->send(frame);
-    // Asked again after a failure, the status stays failed until the snapshot is complete.
-    if (stream.status->status() != SyncStatusEnum::failed)
-        statusIs(stream.status, SyncStatusEnum::syncing, "connected: the snapshot is arriving");
+    std::string reason;
+    if (!stream.write) {
+        auto const from = stream.mirror->begin();
+        auto& subscribe = *frame.mutable_subscribe();
+        subscribe.set_stream(id);
+        subscribe.set_path(stream.path);
+        if (from) {
+            subscribe.set_resume_epoch(from->first);
+            subscribe.set_resume_seq(from->second);
+        }
+        channel_->send(frame);
+        reason = from ? fmt::format("connected: resuming after change {}", from->second)
+                      : "connected: the snapshot is arriving";
+    } else {
+        if (!stream.source) {
+            std::string const localUri = stream.status->localUri().str();
+            Wex::AttributeAt at;
+            try {
+                at = Wex::attributeAt(localUri);
+            } catch (Wex::Exception const&) {
+                // An ill-formed local URI names nothing: told as such below.
+            }
+            if (!at || !at.attr->readable()) return failedIs(id, fmt::format("nothing to push at {}", localUri));
+            stream.source = std::make_unique<Publication>(localUri, std::move(at));
+        }
+        auto& write = *frame.mutable_write();
+        write.set_stream(id);
+        write.set_path(stream.path);
+        write.set_type(std::string(stream.source->at().entity->fwkType()->name()));
+        channel_->send(frame);
+        // The write side keeps no history for the receiver: each connection pushes it all.
+        stream.feed = std::make_unique<Feed>(*stream.source, channel_, id, [](std::string const&) {});
+        stream.feed->start(std::nullopt);
+        reason = "connected: pushing the state";
+    }
+    // Asked again after a failure, the status stays failed until the state is complete.
+    if (stream.status->status() != SyncStatusEnum::failed) statusIs(stream.status, SyncStatusEnum::syncing, reason);
 }
 
 void Peer::failedIs(std::uint32_t id, std::string const& why) {
@@ -140,18 +187,23 @@ void Peer::failedIs(std::uint32_t id, std::string const& why) {
             if (!self || ec) return;
             self->askAgainPending_ = false;
             for (std::uint32_t id : self->ids())
-                if (Stream* stream = self->streamOf(id); stream && stream->failed && self->channel_) self->request(id, *stream);
+                if (Stream* stream = self->streamOf(id); stream && stream->failed && self->open_)
+                    self->request(id, *stream);
         });
     }
     Stream* stream = streamOf(id);
     stream->failed = true;
+    stream->feed.reset();
     statusIs(stream->status, SyncStatusEnum::failed,
              fmt::format("{}; next ask in {:.1f} s", why, double(askAgainWait_.count()) / 1000.0));
 }
 
 void Peer::lost(std::string const& why) {
     connecting_ = false;
-    if (channel_) channel_->close();
+    open_ = false;
+    for (auto& [id, stream] : streams_) stream.feed.reset();
+    // Told to the peer when the connection still stands (what it sent made no sense here).
+    if (channel_) channel_->end(why);
     channel_.reset();
     auto const wait = backoff_.next();
     auto const self = shared_from_this();
@@ -171,25 +223,38 @@ void Peer::statusIs(Lumo::Ptr<SyncStatus> const held, SyncStatusEnum status, std
 
 void Peer::onFrame(q7serdes::Frame const& frame) {
     auto const self = shared_from_this();
-    std::uint32_t id = 0;
     switch (frame.body_case()) {
-    case q7serdes::Frame::kRefused: id = frame.refused().stream(); break;
-    case q7serdes::Frame::kSnapshot: id = frame.snapshot().stream(); break;
-    case q7serdes::Frame::kInSync: id = frame.in_sync().stream(); break;
-    case q7serdes::Frame::kChange: id = frame.change().stream(); break;
-    default:
-        lost("connection closed: the peer sent a subscriber's request");
+    case q7serdes::Frame::kRefused: {
+        std::uint32_t const id = frame.refused().stream();
+        // Frames on a stream that was ended meanwhile are late, not wrong.
+        if (Stream* stream = streamOf(id); stream && !stream->failed)
+            failedIs(id, fmt::format("refused by {}: {}", key_, frame.refused().reason()));
         return;
     }
-    // Frames on a stream that was ended meanwhile are late, not wrong.
+    case q7serdes::Frame::kStored: {
+        Stream* stream = streamOf(frame.stored().stream());
+        if (!stream || stream->failed) return;
+        if (!stream->write) return lost("connection closed: the peer acknowledged a write on a subscription");
+        statusIs(stream->status, SyncStatusEnum::inSync, fmt::format("stored by {}; changes follow", key_));
+        return;
+    }
+    case q7serdes::Frame::kSnapshot: return received(frame.snapshot().stream(), frame);
+    case q7serdes::Frame::kInSync: return received(frame.in_sync().stream(), frame);
+    case q7serdes::Frame::kChange: return received(frame.change().stream(), frame);
+    default: return lost("connection closed: the peer sent what only a subscriber sends");
+    }
+}
+
+void Peer::received(std::uint32_t id, q7serdes::Frame const& frame) {
     Stream* stream = streamOf(id);
     if (!stream || stream->failed) return;
-    if (frame.body_case() == q7serdes::Frame::kRefused) {
-        failedIs(id, fmt::format("refused by {}: {}", key_, frame.refused().reason()));
-        return;
-    }
+    if (stream->write) return lost("connection closed: the peer sent data on a write-sync stream");
+    std::shared_ptr<Mirror> const mirror = stream->mirror;
+    Lumo::Ptr<SyncStatus> const status = stream->status;
     try {
-        apply(id, frame);
+        std::optional<std::string> const complete = mirror->apply(frame);
+        // The handlers told of the writes may have ended the stream.
+        if (complete && streamOf(id)) statusIs(status, SyncStatusEnum::inSync, *complete);
     } catch (std::exception const& e) {
         if (!streamOf(id)) return;
         // The publisher stops streaming it until it is asked for again.
@@ -200,54 +265,19 @@ void Peer::onFrame(q7serdes::Frame const& frame) {
     }
 }
 
-void Peer::apply(std::uint32_t id, q7serdes::Frame const& frame) {
-    // A write tells the container's handler, which may end this subscription or others: the
-    // stream is looked up again after each.
-    Stream* stream = streamOf(id);
-    Lumo::Ptr<SyncStatus> const status = stream->status;
-    // Found anew for each frame: the container is the module's, and may be replaced meanwhile.
-    Wex::AttributeAt const at = Wex::attributeAt(status->localUri().view());
-    if (!at) throw std::runtime_error(fmt::format("nothing to write at {}", status->localUri()));
-    bool const keyed = at.attr->kind() == Wex::AttrKind::collection;
-    auto const write = [&](q7serdes::Entry const& entry) {
-        if (keyed) at.attr->memberIsFromText(at.object(), entry.key(), entry.value());
-        else at.attr->setFromText(at.object(), entry.value());
-        return (stream = streamOf(id)) != nullptr;
-    };
-    switch (frame.body_case()) {
-    case q7serdes::Frame::kSnapshot:
-        for (auto const& entry : frame.snapshot().entries()) {
-            if (stream->snapshotting) stream->seen.insert(entry.key());
-            if (!write(entry)) return;
-        }
-        return;
-    case q7serdes::Frame::kChange:
-        for (auto const& entry : frame.change().set())
-            if (!write(entry)) return;
-        if (keyed)
-            for (auto const& key : frame.change().deleted()) {
-                at.attr->memberDelFromText(at.object(), key);
-                if (!streamOf(id)) return;
-            }
-        return;
-    case q7serdes::Frame::kInSync: {
-        // What the snapshot did not name went while we were away.
-        std::vector<Wex::Value> stale;
-        if (keyed)
-            at.attr->forEach(at.object(), [&](Wex::Value const& key, Wex::Value const&) {
-                if (!stream->seen.count(key.text())) stale.push_back(key);
-            });
-        std::size_t const entries = stream->seen.size();
-        stream->snapshotting = false;
-        stream->seen.clear();
-        for (auto const& key : stale) at.attr->memberDel(at.object(), key);
-        statusIs(status, SyncStatusEnum::inSync,
-                 fmt::format("snapshot of {} entr{} complete{}", entries, entries == 1 ? "y" : "ies",
-                             stale.empty() ? "" : fmt::format(", {} stale deleted", stale.size())));
-        return;
-    }
-    default:
-        return;
+void Peer::describe(std::string& out) const {
+    out += fmt::format("  remote agent {}: {}", key_,
+                       open_ ? fmt::format("connected{}, {} bytes queued", channel_->secured() ? " (TLS)" : "",
+                                           channel_->queuedBytes())
+                             : std::string(channel_ ? "handshaking" : "not connected"));
+    out += '\n';
+    for (auto const& [id, stream] : streams_) {
+        out += fmt::format("    stream {} {} {}: {}", id, stream.write ? "writes" : "mirrors", stream.status->uri(),
+                           stream.status->status());
+        if (stream.mirror)
+            if (auto const point = stream.mirror->resumePoint()) out += fmt::format(", at change {}", point->second);
+        if (stream.feed) out += fmt::format(", {} entries waiting", stream.feed->backlog());
+        out += '\n';
     }
 }
 

@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include <asio/ip/tcp.hpp>
@@ -20,51 +19,63 @@
 namespace Q7Sync {
 
 class Channel;
+class Feed;
+class Mirror;
+class Publication;
+class Tls;
 
 // Connects from the event loop, never inside a call to it, and keeps trying with backoff while
-// it has subscriptions. On each connection it asks for every path it holds and applies what
-// arrives, through reflection, to the attribute that each subscription's local URI names. The
-// statuses say where each subscription stands:
+// it has subscriptions. On each connection it asks for every path it holds: a subscription is
+// mirrored, through reflection, into the attribute that its local URI names; a write-sync
+// pushes that attribute to the peer's path instead. The statuses say where each stands:
 //   notConnected  no attempt yet (the loop has not run since the subscription was made)
-//   connecting    trying, or lost: the reason has the system's answer and when the next try is
-//   syncing       connected: the snapshot is arriving
-//   inSync        the snapshot is complete (entries it did not name are deleted); changes stream
+//   connecting    trying, or lost (refused, closed, silent, or refused at the TLS handshake):
+//                 the reason has the system's or the peer's answer and when the next try is
+//   syncing       connected: the snapshot is arriving, or what changed since the point the
+//                 mirror holds (a resume); a write-sync: its state is being pushed
+//   inSync        the state is complete (entries a snapshot did not name are deleted) and
+//                 changes stream; a write-sync: the peer stored the state
 //   failed        the remote refused the path, or its data could not be applied: the reason says
 //                 why, and when the path is asked for again (it may be published later)
 class Peer : public std::enable_shared_from_this<Peer> {
 public:
     static constexpr std::chrono::seconds kConnectTimeout{5};
 
-    Peer(asio::io_context& loop, std::string key, asio::ip::tcp::endpoint remote);
+    Peer(asio::io_context& loop, std::string key, asio::ip::tcp::endpoint remote, std::shared_ptr<Tls> tls);
     ~Peer();
     Peer(Peer const&) = delete;
     Peer& operator=(Peer const&) = delete;
 
-    // Adds the subscription of `status` (its uri names this peer) for `path` at the peer.
-    void subscriptionIs(Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus> const& status, std::string path);
+    // Adds the subscription of `status` (its uri names this peer) for `path` at the peer;
+    // `write`: a write-sync, which pushes the attribute at the status's local URI to `path`.
+    void subscriptionIs(Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus> const& status, std::string path, bool write);
     void subscriptionDel(Lumo::String const& uri);
     bool empty() const noexcept { return streams_.empty(); }
-    bool connected() const noexcept { return channel_ != nullptr; }
     // Closes the connection and stops trying.
     void stop() noexcept;
+    // The connection and each stream, for the service's dump.
+    void describe(std::string& out) const;
 
 private:
     struct Stream {
         Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus> status;
         std::string path;
-        bool snapshotting = false;
+        bool write = false;
         bool failed = false;
-        std::unordered_set<std::string> seen;  // keys the snapshot named
+        std::shared_ptr<Mirror> mirror;       // a subscription: where what arrives goes, and its resume point
+        std::unique_ptr<Publication> source;  // a write-sync: the local attribute, watched while subscribed
+        std::unique_ptr<Feed> feed;           // ... and its stream on the current connection
     };
 
     void schedule(std::chrono::milliseconds after);
     void connect();
     void connected();
+    void opened();
     void lost(std::string const& why);
     void request(std::uint32_t id, Stream& stream);
     void failedIs(std::uint32_t id, std::string const& why);
     void onFrame(q7serdes::Frame const& frame);
-    void apply(std::uint32_t id, q7serdes::Frame const& frame);
+    void received(std::uint32_t id, q7serdes::Frame const& frame);
     static void statusIs(Lumo::Ptr<Q7Serdes::WexUtils::SyncStatus> const held, Q7Serdes::WexUtils::SyncStatusEnum status,
                          std::string const& reason);
     Stream* streamOf(std::uint32_t id);
@@ -73,6 +84,7 @@ private:
 
     std::string key_;
     asio::ip::tcp::endpoint remote_;
+    std::shared_ptr<Tls> tls_;
     asio::steady_timer timer_;
     asio::steady_timer askAgain_;
     Backoff askAgainBackoff_;
@@ -80,6 +92,7 @@ private:
     bool askAgainPending_ = false;
     asio::ip::tcp::socket socket_;
     std::shared_ptr<Channel> channel_;
+    bool open_ = false;  // the channel's handshake is done
     Backoff backoff_;
     bool connecting_ = false;
     bool stopped_ = false;

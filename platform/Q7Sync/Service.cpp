@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "Q7Sync/Peer.h"
+#include "Q7Sync/Publication.h"
 #include "Q7Sync/Server.h"
 #include "Q7Sync/Tls.h"
 #include "Wex/EventLoop.h"
@@ -54,7 +55,7 @@ Lumo::Ptr<SyncStatus> Service::subscribe(Lumo::String const& remoteUri, Lumo::St
     if (callLog_) record("subscribe", fmt::format("{}, {}, {}", remoteUri, localUri, flags));
     if (subscribeReturnsNoStatus_) return nullptr;
     if (Lumo::Ptr<SyncStatus> const* held = subscriptions_.find(remoteUri)) return *held;
-    Lumo::Ptr<SyncStatus> status(new SyncStatus(remoteUri, localUri));
+    Lumo::Ptr<SyncStatus> status(new SyncStatus(remoteUri, localUri, std::uint8_t(flags)));
     status->hasNotificationActiveIs(true);
     subscriptions_.set(status);
     // The connection is the loop's business: nothing is tried before it runs, and a
@@ -92,12 +93,13 @@ void Service::attach() {
                 continue;
             }
             auto made = std::make_shared<Peer>(Wex::eventLoop(), std::string(peer),
-                                               asio::ip::tcp::endpoint(address, port));
+                                               asio::ip::tcp::endpoint(address, port), tls_);
             it = peers_.emplace(std::string(peer), std::move(made)).first;
         }
         // Kept alive here: the status watchers it tells may end its last subscription.
         std::shared_ptr<Peer> const held = it->second;
-        held->subscriptionIs(status, std::string(path));
+        bool const write = WexUtils::has(WexUtils::SyncRequestFlags(status->requestFlags()), WexUtils::WRITE());
+        held->subscriptionIs(status, std::string(path), write);
     }
 }
 
@@ -143,7 +145,7 @@ Lumo::Ptr<ListenStatus> Service::listen(std::string const& hostAddr, std::uint16
     if (callLog_) record("listen", fmt::format("{}, {}", hostAddr, port));
     std::string key = endpointKey(hostAddr, port);
     endpoints_.erase(key);
-    auto endpoint = std::make_shared<Endpoint>(Wex::eventLoop(), hostAddr, port,
+    auto endpoint = std::make_shared<Endpoint>(Wex::eventLoop(), hostAddr, port, tls_,
                                                [this](std::string const& path) -> Publication* {
                                                    auto it = publications_.find(path);
                                                    return it == publications_.end() ? nullptr : it->second.get();
@@ -196,8 +198,15 @@ std::vector<std::string> Service::publishedPaths() const {
 void Service::credentialsIs(Credentials const& credentials) { tls_ = std::make_shared<Tls>(credentials); }
 
 std::string Service::dump() const {
-    std::string out;
-    for (auto const& [key, endpoint] : endpoints_) out += fmt::format("endpoint {}: {} connections\n", key, endpoint->sessions());
+    std::string out = fmt::format("sync service{}\n", tls_ ? ", mutual TLS required" : ", in the clear (no credentials)");
+    out += fmt::format("published: {}\n", publications_.empty() ? "nothing" : fmt::format("{}", fmt::join(publishedPaths(), ", ")));
+    for (auto const& [key, endpoint] : endpoints_) {
+        out += fmt::format("  endpoint {}: {}\n", key,
+                           endpoint->status()->listening() ? fmt::format("listening on port {}", endpoint->boundPort())
+                                                           : fmt::format("not listening ({})", endpoint->status()->reason()));
+        endpoint->describe(out);
+    }
+    for (auto const& [key, peer] : peers_) peer->describe(out);
     return out;
 }
 

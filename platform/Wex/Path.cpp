@@ -40,6 +40,11 @@ AttributeAt attributeAt(std::string_view path) {
     return {std::move(entity), attr};
 }
 
+Lumo::Ptr<Dir> dirAt(std::string_view path) {
+    auto const parts = partsOf(path, 1);
+    return dirAt(parts, parts.size());
+}
+
 Lumo::Ptr<Entity> entityIs(std::string_view path, WexType const* type) {
     if (!type) throw NullArgumentException("type");
     auto const parts = partsOf(path, 1);

@@ -24,6 +24,9 @@ struct AttributeAt {
 // RangeException naming "path".
 AttributeAt attributeAt(std::string_view path);
 
+// The directory at "/dir/...", or null when one on the way is missing or not a directory.
+Lumo::Ptr<Dir> dirAt(std::string_view path);
+
 // The entity at "/dir/.../entity", made with `type` when it is missing, with the directories
 // leading to it. An entity already there is returned whatever its type; a part on the way that
 // is not a directory is a RangeException naming "path".

@@ -90,6 +90,11 @@ Value WexAttr::memberDel(void* object, Value const& key) const {
     return memberDel_(object, key);
 }
 
+Value WexAttr::keyFromText(std::string_view keyText) const {
+    requireCollection();
+    return keyFromText_(keyText);
+}
+
 Value WexAttr::memberDelFromText(void* object, std::string_view keyText) const {
     requireCollection();
     if (!memberDel_) refuse("does not delete members");

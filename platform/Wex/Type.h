@@ -91,6 +91,8 @@ public:
     // Deletes the member under key and returns what the owner's operation removed.
     Value memberDel(void* object, Value const& key) const;
     Value memberDelFromText(void* object, std::string_view keyText) const;
+    // A key of the collection read from its text form (RangeException for bad text).
+    Value keyFromText(std::string_view keyText) const;
     void memberDelAll(void* object) const;
 
     // The same on an object seen through its generic interface. Writing an attribute with
