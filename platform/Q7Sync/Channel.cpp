@@ -142,8 +142,13 @@ void Channel::read() {
             switch (self->reader_.next(self->frame_)) {
             case Q7Serdes::FrameReader::Result::needMore:
                 return self->read();
-            case Q7Serdes::FrameReader::Result::malformed:
-                return self->fail(self->reader_.error());
+            case Q7Serdes::FrameReader::Result::malformed: {
+                // The peer is told why before the connection closes: the stream cannot be read on.
+                std::string const reason = self->reader_.error();
+                self->end(reason);
+                if (self->handlers_.closed) self->handlers_.closed(reason);
+                return;
+            }
             case Q7Serdes::FrameReader::Result::frame:
                 self->heardFrame_ = true;
                 if (self->frame_.has_heartbeat()) break;

@@ -28,7 +28,7 @@ class Feed;
 class Publication {
 public:
     // The keys of the last kResumeLog changes are kept, whatever the number of entries.
-    static constexpr std::size_t kResumeLog = 65536;
+    static constexpr std::size_t kResumeLog = 16384;
 
     Publication(std::string path, Wex::AttributeAt at);
     // The feeds are told that the path is no longer served.
