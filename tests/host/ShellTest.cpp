@@ -91,6 +91,15 @@ TEST_F(HostTest, ASubscriptionOfThisAgentsOwnPathMirrorsItThroughTheLoop) {
     EXPECT_EQ(shell.failures(), 1);
 }
 
+// The service's own dump is a show command of the host, worded by the service.
+TEST_F(HostTest, TheServiceDumpIsShown) {
+    run("listen 127.0.0.1 0");
+    std::string const dump = service().dump();
+    ASSERT_FALSE(dump.empty());
+    EXPECT_EQ(run("show dumpStateQ7SyncService"), dump);
+    run("listen off");
+}
+
 // Each bad line prints "error: ...; usage: <its usage>" and leaves module, host, service and state as they were.
 TEST_F(HostTest, AMalformedLineIsOneErrorWithItsUsageAndChangesNothing) {
     // A conflicting pair held back, a subscription of another type and flags, published state; no loop.
