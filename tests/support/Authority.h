@@ -34,7 +34,7 @@ public:
     std::string ca() const { return dir_ + "/ca.pem"; }
     std::string agentCertificate() const { return dir_ + "/agent.pem"; }
     std::string agentKey() const { return dir_ + "/agent.key"; }
-    // Issued by another authority, which ca() does not vouch for.
+    // Signed by another authority, which ca() does not vouch for.
     std::string rogueCertificate() const { return dir_ + "/rogue.pem"; }
     std::string rogueKey() const { return dir_ + "/rogue.key"; }
 
