@@ -6,6 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "Wex/CharRange.h"
+
 namespace Q7Agent {
 
 namespace {
@@ -28,6 +30,13 @@ Kivu::IpGenAddr Command::address(std::string const& text) {
     auto a = Kivu::IpGenAddr::fromString(text);
     if (!a) throw CLI::ValidationError("address", fmt::format("'{}' is not an IPv4 or IPv6 address", text));
     return *a;
+}
+
+Q7Sync::WexUtils::SyncRequestFlags Command::flags(std::string const& text) {
+    Wex::CharRange r(text);
+    auto f = Q7Sync::sequenceToValue(r);
+    r.checkAllDataConsumed("flags");
+    return f;
 }
 
 CommandTable const& commands() { return table(); }

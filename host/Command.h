@@ -10,6 +10,7 @@
 
 #include "Host.h"
 #include "Kivu/IpGenAddr.h"
+#include "Q7Sync/Flags.h"
 
 namespace CLI {
 class App;
@@ -34,6 +35,8 @@ protected:
     virtual void bind(CLI::App& app);
     // An IPv4 or IPv6 address, or a usage error naming the argument.
     static Kivu::IpGenAddr address(std::string const& text);
+    // Request flags in their text form ("WRITE|RELIABLE", "NONE"); other text is refused.
+    static Q7Sync::WexUtils::SyncRequestFlags flags(std::string const& text);
 };
 
 // Thrown by a command that has already said why it failed (a wait that timed out): the line

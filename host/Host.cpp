@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "KelLib/ShowQ7SyncDebugCallback.h"
+#include "ServiceDumpCallback.h"
 
 namespace Q7Agent {
 
@@ -15,6 +16,7 @@ Host::Host(std::FILE* out)
     scheduler_->hasNotificationActiveIs(true);
     anchor_->hasNotificationActiveIs(true);
     anchor_->callbackIs(Kel::Q7Sync::showQ7SyncDebugCallbackFactory(anchor_, scheduler_));
+    anchor_->callbackIs(ServiceDumpCallback::ServiceDumpCallbackIs(anchor_, scheduler_));
 }
 
 Host::~Host() {

@@ -23,8 +23,8 @@ private:
     std::string name_;
 };
 
-CommandRegistrar<ShowCommand> const registrar("show", "show COMMAND",
-                                              "run a show command of the agent (dumpStateQ7SyncModule)");
+CommandRegistrar<ShowCommand> const registrar(
+    "show", "show COMMAND", "run a show command of the agent (dumpStateQ7SyncModule, dumpStateQ7SyncService)");
 
 } // namespace
 } // namespace Q7Agent

@@ -7,18 +7,8 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "Q7Sync/Flags.h"
-#include "Wex/CharRange.h"
-
 namespace Q7Agent {
 namespace {
-
-Q7Sync::WexUtils::SyncRequestFlags flags(std::string const& text) {
-    Wex::CharRange r(text);
-    auto f = Q7Sync::sequenceToValue(r);
-    r.checkAllDataConsumed("flags");
-    return f;
-}
 
 class SubscribeCommand : public Command {
 public:

@@ -3,12 +3,15 @@
 
 #include <signal.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <fmt/format.h>
 
+#include "Q7Sync/Service.h"
 #include "support/AgentProcess.h"
+#include "support/Authority.h"
 
 namespace Kel::Q7Sync::Test {
 namespace {
@@ -58,13 +61,33 @@ TEST(AgentProgram, ExitsWithAStatusThatSaysWhatWentWrong) {
         std::string output;
     };
     std::string const failed = "> release 5\nerror: id: no request 5; usage: release ID\n";
+    // The credential options: the service's own words for a file it cannot use, and nothing at all
+    // for files it can.
+    Authority const authority;
+    std::string const missing = authority.dir() + "/missing.pem";
+    std::string const refusal = [&] {
+        try {
+            ::Q7Sync::Service::instance().credentialsIs({missing, authority.agentKey(), authority.ca()});
+        } catch (std::runtime_error const& e) {
+            return std::string(e.what());
+        }
+        return std::string("accepted");
+    }();
+    std::vector<std::string> secured = authority.agentArguments();
+    secured.push_back("/dev/null");
+    std::string const together = "q7agent: --tls-cert, --tls-key and --tls-ca go together: ";
     // A pipe is read through the loop to its end or its quit, a last line without its newline included.
     for (Case const& c : {Case{{"--strict", "/dev/null"}, "", 0, ""},
                           Case{{"--strict"}, "release 5\nstatuses", 1,
                                failed + "> statuses\n  (0 subscriptions)\nq7agent: 1 command(s) failed\n"},
                           Case{{}, "release 5\nquit\nstatuses\n", 0, failed + "> quit\nq7agent: 1 command(s) failed\n"},
                           Case{{"--trace", "KelQ7SyncSubscribeSm:12", "/dev/null"}, "", 2,
-                               "q7agent: --trace takes HANDLE:LEVEL with LEVEL 0 to 9, not 'KelQ7SyncSubscribeSm:12'\n"}}) {
+                               "q7agent: --trace takes HANDLE:LEVEL with LEVEL 0 to 9, not 'KelQ7SyncSubscribeSm:12'\n"},
+                          Case{{"--tls-cert", "agent.pem", "/dev/null"}, "", 2, together + "--tls-key, --tls-ca missing\n"},
+                          Case{{"--tls-key", "agent.key", "--tls-ca", "ca.pem"}, "", 2, together + "--tls-cert missing\n"},
+                          Case{{"--tls-cert", missing, "--tls-key", authority.agentKey(), "--tls-ca", authority.ca()},
+                               "statuses\n", 2, "q7agent: " + refusal + "\n"},
+                          Case{secured, "", 0, ""}}) {
         SCOPED_TRACE(fmt::format("q7agent {}", fmt::join(c.arguments, " ")));
         AgentProcess agent(c.arguments);
         agent.send(c.input);
