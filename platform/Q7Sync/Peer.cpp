@@ -126,7 +126,6 @@ void Peer::connected() {
 
 void Peer::opened() {
     open_ = true;
-    backoff_.reset();
     askAgainBackoff_.reset();
     auto const self = shared_from_this();
     for (std::uint32_t id : ids())
@@ -223,6 +222,9 @@ void Peer::statusIs(Lumo::Ptr<SyncStatus> const held, SyncStatusEnum status, std
 
 void Peer::onFrame(q7serdes::Frame const& frame) {
     auto const self = shared_from_this();
+    // The peer answered: the next loss starts from the first wait again. (Not on the handshake:
+    // a peer that refuses us after it must not be tried again at once, again and again.)
+    backoff_.reset();
     switch (frame.body_case()) {
     case q7serdes::Frame::kRefused: {
         std::uint32_t const id = frame.refused().stream();

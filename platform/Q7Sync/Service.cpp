@@ -201,7 +201,7 @@ std::string Service::dump() const {
     std::string out = fmt::format("sync service{}\n", tls_ ? ", mutual TLS required" : ", in the clear (no credentials)");
     out += fmt::format("published: {}\n", publications_.empty() ? "nothing" : fmt::format("{}", fmt::join(publishedPaths(), ", ")));
     for (auto const& [key, endpoint] : endpoints_) {
-        out += fmt::format("  endpoint {}: {}\n", key,
+        out += fmt::format("  endpoint {}: {}\n", key.substr(0, key.rfind('#')),
                            endpoint->status()->listening() ? fmt::format("listening on port {}", endpoint->boundPort())
                                                            : fmt::format("not listening ({})", endpoint->status()->reason()));
         endpoint->describe(out);
@@ -211,6 +211,7 @@ std::string Service::dump() const {
 }
 
 void Service::reset() {
+    tls_.reset();
     endpoints_.clear();
     publications_.clear();
     for (auto& [key, peer] : peers_) peer->stop();
