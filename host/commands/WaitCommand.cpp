@@ -44,11 +44,12 @@ SyncStatusEnum statusNamed(std::string const& name) {
     throw CLI::ValidationError("status", fmt::format("'{}' is none of notConnected, connecting, syncing, inSync, failed", name));
 }
 
-Condition statusIs(std::string const& uri, SyncStatusEnum wanted) {
+// The status, and when `reasonPart` is given, a reason that contains it.
+Condition statusIs(std::string const& uri, SyncStatusEnum wanted, std::string const& reasonPart) {
     auto const status = [uri] { return Q7Sync::Service::instance().syncStatus(uri); };
-    return {[status, wanted] {
+    return {[status, wanted, reasonPart] {
                 auto const s = status();
-                return s && s->status() == wanted;
+                return s && s->status() == wanted && s->reason().view().find(reasonPart) != std::string_view::npos;
             },
             [status, uri] {
                 auto const s = status();
@@ -84,7 +85,7 @@ class WaitCommand : public Command {
 public:
     void run(Host& host) override {
         std::size_t const n = args_.size();
-        bool const counted = what_ == "seconds" ? n == 1 : what_ == "entry" ? n == 2 || n == 3 : n == 2;
+        bool const counted = what_ == "seconds" ? n == 1 : what_ == "absent" ? n == 2 : n == 2 || n == 3;
         if (!counted) throw CLI::ValidationError("arguments", fmt::format("'wait {}' takes {}", what_, usage()));
         if (what_ == "seconds") {
             if (timeoutOption_->count()) throw CLI::ValidationError("--timeout", "'wait seconds' takes no timeout");
@@ -116,13 +117,13 @@ private:
         return std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(s));
     }
     std::string usage() const {
-        if (what_ == "status") return "URI STATUS";
+        if (what_ == "status") return "URI STATUS [REASON]";
         if (what_ == "entry") return "PATH KEY [VALUE]";
         if (what_ == "absent") return "PATH KEY";
         return "S";
     }
     Condition condition() const {
-        if (what_ == "status") return statusIs(args_[0], statusNamed(args_[1]));
+        if (what_ == "status") return statusIs(args_[0], statusNamed(args_[1]), args_.size() == 3 ? args_[2] : "");
         std::optional<std::string> value;
         if (args_.size() == 3) value = stringText(args_[2], "value");
         return entryIs(args_[0], stringText(args_[1], "key"), value, what_ == "absent");
@@ -135,8 +136,9 @@ private:
 };
 
 CommandRegistrar<WaitCommand> const registrar(
-    "wait", "wait status URI STATUS | entry PATH KEY [VALUE] | absent PATH KEY [--timeout S] | seconds S",
-    "serve the loop until the condition holds (fails after the timeout, 10 s), or for S seconds");
+    "wait", "wait status URI STATUS [REASON] | entry PATH KEY [VALUE] | absent PATH KEY [--timeout S] | seconds S",
+    "serve the loop until the condition holds (a status with a reason containing REASON, if given; fails after the "
+    "timeout, 10 s), or for S seconds");
 
 } // namespace
 } // namespace Q7Agent

@@ -113,7 +113,7 @@ TEST_F(HostTest, AMalformedLineIsOneErrorWithItsUsageAndChangesNothing) {
     replay(R"(> listen 127.0.0.1 0
 > subscribe 127.0.0.1 6042 /sys/state/routes routes
 > subscribe 127.0.0.1 6042 /sys/state/routes routes-reliable --flags RELIABLE
-> subscribe fd00::14 6042 sys/state/interfaces ifaces --type Kel::Q7Sync::SyncContainer --flags RELIABLE
+> subscribe ::1 6042 sys/state/interfaces ifaces --type Kel::Q7Sync::SyncContainer --flags RELIABLE
 > handler add ifaces
 > publish /sys/state/hostname
 > set /sys/state/hostname "'agent-a'")");
