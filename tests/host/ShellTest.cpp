@@ -137,7 +137,7 @@ TEST_F(HostTest, AMalformedLineIsOneErrorWithItsUsageAndChangesNothing) {
         {"writesync 127.0.0.1 6042 x --flags RELIABLE", "writesync ADDRESS PORT KEY [--type TYPE] [--flags FLAGS]"},
         {"publish /other/state/interfaces --type No::Such", "publish PATH [--type TYPE]"},
         {"set /sys/state/hostname agent b", "set PATH KEY VALUE | set PATH VALUE"},
-        {"wait seconds 0", "wait status URI STATUS | entry PATH KEY [VALUE] | absent PATH KEY [--timeout S] | seconds S"},
+        {"wait seconds 0", "wait status URI STATUS [REASON] | entry PATH KEY [VALUE] | absent PATH KEY [--timeout S] | seconds S"},
         {"trace KelQ7SyncSubscribeSm 10", "trace HANDLE LEVEL... [--off]"},
     };
     for (Bad const& b : bad) {
