@@ -1,4 +1,5 @@
-// Agents as processes under faults: a publisher that hangs, a peer that stops reading.
+// Agents as processes under faults: a publisher that hangs, a peer that stops reading, bytes
+// that no agent would send, write-sync, and peers without the authority's certificate.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -12,6 +13,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <random>
 #include <regex>
 #include <set>
 #include <stop_token>
@@ -23,6 +25,7 @@
 
 #include "Q7Serdes/Framing.h"
 #include "support/AgentProcess.h"
+#include "support/Authority.h"
 
 namespace Kel::Q7Sync::Test {
 namespace {
@@ -44,6 +47,16 @@ bool held(std::string const& printed) {
 std::string interfacesAt(std::uint16_t port) { return fmt::format("127.0.0.1:{}/sys/state/interfaces", port); }
 std::string mirrorOf(std::uint16_t port, char const* key) {
     return fmt::format("/q7/remote/127.0.0.1:{}/{}/syncAttribute", port, key);
+}
+
+// Runs `command` until what it prints has `part`, serving the agent's loop a little between
+// tries, for at most 8 s: what it printed last.
+std::string until(AgentProcess& agent, std::string const& command, std::string const& part) {
+    auto const deadline = std::chrono::steady_clock::now() + 8s;
+    std::string printed = agent.run(command);
+    while (!has(printed, part) && std::chrono::steady_clock::now() < deadline)
+        printed = agent.run("wait seconds 0.1\n" + command);
+    return printed;
 }
 
 std::string encoded(q7serdes::Frame const& frame) {
@@ -98,6 +111,15 @@ public:
             if (n <= 0) return false;
             reader_.append(chunk, std::size_t(n));
         }
+    }
+    // The reason of the Closing frame received before the publisher closed, or "(none)".
+    std::string closingReason() {
+        std::string reason = "(none)";
+        receive([&](q7serdes::Frame const& frame) {
+            if (frame.has_closing()) reason = frame.closing().reason();
+            return false;
+        });
+        return reason;
     }
 
 private:
@@ -193,6 +215,117 @@ TEST(PeerFaults, APeerThatStopsReadingCostsThePublisherTheStateNotTheChanges) {
     std::string const caughtUp = subscriber.run(fmt::format("wait entry {0} k0 {1}\nwait entry {0} k{2} {1}",
                                                             mirrorOf(port, "ifaces"), value, kEntries - 1));
     EXPECT_TRUE(held(caughtUp)) << caughtUp;
+}
+
+// What no subscriber would send closes that connection alone, with the reason told to the sender
+// and kept in the dump; a subscriber's stream beside it goes on as it was.
+TEST(PeerFaults, HostileBytesCloseOnlyTheirOwnConnectionAndSayWhy) {
+    AgentProcess publisher, subscriber;
+    std::uint16_t const port = serve(publisher, "set /sys/state/interfaces eth0 up\n");
+    std::string const uri = interfacesAt(port);
+    ASSERT_TRUE(has(subscriber.run(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces ifaces\n"
+                                               "wait status {} inSync", port, uri)), " is inSync"));
+    std::regex const connection(R"(connection (\S+): )");
+    auto const connections = [&] {
+        std::string const dump = publisher.run("show dumpStateQ7SyncService");
+        std::vector<std::string> names;
+        for (std::sregex_iterator it(dump.begin(), dump.end(), connection), end; it != end; ++it)
+            names.push_back((*it)[1]);
+        return names;
+    };
+    std::vector<std::string> const before = connections();
+
+    std::mt19937 random(7);
+    // As long as the largest frame accepted, so that whatever length the noise announces is reached.
+    std::string noise(Q7Serdes::kMaxRequestFrameBytes + 16, '\0');
+    for (char& c : noise) c = char(random());
+    std::string oversized;  // a length past the limit, as a varint, and the start of a body
+    for (std::size_t n = Q7Serdes::kMaxRequestFrameBytes + 1; n; n >>= 7)
+        oversized += char((n & 0x7f) | (n > 0x7f ? 0x80 : 0));
+    oversized += std::string(100, 'x');
+    q7serdes::Frame stored, refused;
+    stored.mutable_stored()->set_stream(1);
+    refused.mutable_refused()->set_stream(1);
+    refused.mutable_refused()->set_reason("no");
+    struct Attack {
+        char const* what;
+        std::string bytes;
+        std::string reason;
+    };
+    std::vector<Attack> const attacks = {
+        {"random bytes", noise, "frame does not parse"},
+        {"an oversized frame", oversized, fmt::format("exceeds the limit of {}", Q7Serdes::kMaxRequestFrameBytes)},
+        {"a Stored", encoded(stored), "a subscriber or writer does not send 'stored'"},
+        {"a Refused", encoded(refused), "a subscriber or writer does not send 'refused'"}};
+    std::vector<std::string> closes;
+    for (Attack const& attack : attacks) {
+        SCOPED_TRACE(attack.what);
+        RawPeer raw(port);
+        raw.send(attack.bytes);
+        std::string const reason = raw.closingReason();
+        EXPECT_TRUE(has(reason, attack.reason)) << reason;
+        closes.push_back(fmt::format("closed {}: {}\n", raw.name(), reason));
+        // A change made between attacks reaches the subscriber.
+        publisher.send(fmt::format("set /sys/state/interfaces eth0 after-{}\n", closes.size()));
+        std::string const seen =
+            subscriber.run(fmt::format("wait entry {} eth0 after-{}", mirrorOf(port, "ifaces"), closes.size()));
+        EXPECT_TRUE(held(seen)) << seen;
+    }
+    std::string const dump = publisher.run("show dumpStateQ7SyncService");
+    for (auto const& close : closes) EXPECT_TRUE(has(dump, close)) << close << dump;
+    // Undisturbed: the same one connection, and no resume since the first snapshot.
+    EXPECT_EQ(connections(), before);
+    EXPECT_TRUE(has(subscriber.run("statuses"), uri + " inSync (snapshot of 1 entry complete)"))
+        << subscriber.output();
+}
+
+// Write-sync pushes a container into the peer's write-sync directory, sets and deletes alike,
+// and nowhere else.
+TEST(PeerFaults, WriteSyncArrivesInTheWriteSyncDirectoryAndIsRefusedElsewhere) {
+    AgentProcess receiver, writer;
+    std::uint16_t const port = serve(receiver, "");
+    std::string const local = mirrorOf(port, "peer"), target = "/q7/writeSync/peer/syncAttribute";
+    std::string const stored = writer.run(fmt::format(
+        "writesync 127.0.0.1 {0} peer\nset {1} eth0 up\nset {1} eth1 down\nwait status 127.0.0.1:{0}{2} inSync", port,
+        local, target));
+    EXPECT_TRUE(has(stored, fmt::format("inSync (stored by 127.0.0.1:{}; changes follow)", port))) << stored;
+    std::string const arrived = receiver.run(fmt::format("wait entry {0} eth0 up\nwait entry {0} eth1 down", target));
+    EXPECT_TRUE(held(arrived)) << arrived;
+    writer.run(fmt::format("delete {} eth0", local));
+    std::string const deleted = receiver.run(fmt::format("wait absent {} eth0\nget {}", target, target));
+    EXPECT_TRUE(has(deleted, "has no 'eth0'") && has(deleted, "'eth1' = 'down'\n  (1 entry)")) << deleted;
+
+    std::string const refused = writer.run(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces k --flags WRITE\n"
+                                                       "wait status {} failed", port, interfacesAt(port)));
+    EXPECT_TRUE(has(refused, fmt::format("failed (refused by 127.0.0.1:{}: write-sync is accepted at "
+                                         "/q7/writeSync/<key>/<attribute> only, not at '/sys/state/interfaces'",
+                                         port)))
+        << refused;
+}
+
+// With credentials, an agent serves only peers whose certificate its authority signed; the others
+// are told why, and the publisher keeps each refused handshake in its dump.
+TEST(PeerFaults, OnlyPeersWithACertificateOfTheAuthorityAreServed) {
+    Authority const authority;
+    AgentProcess publisher(authority.agentArguments()), trusted(authority.agentArguments()), clear,
+        rogue(authority.rogueArguments());
+    std::uint16_t const port = serve(publisher, "set /sys/state/interfaces eth0 up\n");
+    for (AgentProcess* agent : {&trusted, &clear, &rogue})
+        agent->send(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces ifaces\n", port));
+    std::string const mirrored = trusted.run(fmt::format("wait entry {} eth0 up", mirrorOf(port, "ifaces")));
+    EXPECT_TRUE(held(mirrored)) << mirrored;
+
+    std::string const uri = interfacesAt(port);
+    std::string const inClear =
+        uri + " connecting (connection lost: closed by the peer: this agent accepts mutual TLS only: ";
+    EXPECT_TRUE(has(until(clear, "statuses", inClear), inClear)) << clear.output();
+    std::string const impostor = uri + " connecting (connection lost: refused at the TLS handshake: ";
+    EXPECT_TRUE(has(until(rogue, "statuses", impostor), impostor)) << rogue.output();
+    std::string const refusal = ": refused at the TLS handshake: certificate verify failed\n";
+    std::string const dump = until(publisher, "show dumpStateQ7SyncService", refusal);
+    EXPECT_TRUE(has(dump, refusal) && has(dump, ": refused at the TLS handshake: the peer spoke in the clear\n"))
+        << dump;
+    EXPECT_TRUE(has(dump, " (TLS): ")) << dump;
 }
 
 } // namespace
