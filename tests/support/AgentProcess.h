@@ -64,6 +64,10 @@ public:
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
+    // Sends `number` (SIGSTOP and SIGCONT to hang and resume it, say) and goes on driving it.
+    void signal(int number) const {
+        if (pid_ > 0) ::kill(pid_, number);
+    }
     void send(std::string const& text) { [[maybe_unused]] ssize_t const n = ::write(input_, text.data(), text.size()); }
     // Runs `line` and returns what came out from then to the mark that an echo after it prints.
     std::string run(std::string const& line) {
