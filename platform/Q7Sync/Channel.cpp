@@ -50,16 +50,16 @@ void Channel::refuseCleartext() {
                                if (ec) return self->fail(self->errorReason(ec));
                                if (n == 1 && static_cast<unsigned char>(self->incoming_[0]) == kTlsHandshakeRecord)
                                    return self->handshake();
-                               std::string const reason = "this agent accepts mutual TLS only";
                                q7serdes::Frame frame;
-                               frame.mutable_closing()->set_reason(reason + ": connect with a certificate of its authority");
+                               frame.mutable_closing()->set_reason(
+                                   "this agent accepts mutual TLS only: connect with a certificate of its authority");
                                auto bytes = std::make_shared<std::string>();
                                Q7Serdes::frameAppend(frame, *bytes);
+                               // Written past TLS, in the peer's own terms; the channel closes once it is out.
+                               self->ending_ = true;
                                asio::async_write(self->socket(), asio::buffer(*bytes),
                                                  [self, bytes](asio::error_code, std::size_t) { self->close(); });
-                               auto const closed = std::move(self->handlers_.closed);
-                               self->closed_ = true;  // told once, here; the socket closes once the frame is out
-                               closed("refused at the TLS handshake: the peer spoke in the clear");
+                               self->handlers_.closed("refused at the TLS handshake: the peer spoke in the clear");
                            });
 }
 
@@ -95,6 +95,10 @@ void Channel::end(std::string const& reason) {
     if (!opened_) close();
 }
 
+void Channel::release() noexcept {
+    if (!ending_) close();
+}
+
 void Channel::close() noexcept {
     // The handlers stay: close() may come from inside one of them.
     closed_ = true;
@@ -112,9 +116,11 @@ void Channel::heartbeat() {
     heartbeat_.async_wait([weak = weak_from_this()](asio::error_code ec) {
         auto const self = weak.lock();
         if (!self || ec || self->closed_) return;
+        // A peer that does not take the Closing frame within a tick is not waited for longer.
+        if (self->ending_) return self->close();
         if (std::chrono::steady_clock::now() - self->lastHeard_ >= kSilenceLimit) {
-            return self->fail(self->opened_ ? fmt::format("nothing heard from the peer for {} s", kSilenceLimit.count())
-                                            : fmt::format("no TLS handshake within {} s", kSilenceLimit.count()));
+            return self->giveUp(self->opened_ ? fmt::format("nothing heard from the peer for {} s", kSilenceLimit.count())
+                                              : fmt::format("no TLS handshake within {} s", kSilenceLimit.count()));
         }
         if (self->opened_ && !self->wroteSinceBeat_) {
             q7serdes::Frame beat;
@@ -142,13 +148,8 @@ void Channel::read() {
             switch (self->reader_.next(self->frame_)) {
             case Q7Serdes::FrameReader::Result::needMore:
                 return self->read();
-            case Q7Serdes::FrameReader::Result::malformed: {
-                // The peer is told why before the connection closes: the stream cannot be read on.
-                std::string const reason = self->reader_.error();
-                self->end(reason);
-                if (self->handlers_.closed) self->handlers_.closed(reason);
-                return;
-            }
+            case Q7Serdes::FrameReader::Result::malformed:
+                return self->giveUp(self->reader_.error());  // the stream cannot be read on
             case Q7Serdes::FrameReader::Result::frame:
                 self->heardFrame_ = true;
                 if (self->frame_.has_heartbeat()) break;
@@ -173,15 +174,22 @@ void Channel::write() {
         if (ec) return self->fail(self->errorReason(ec));
         if (!self->pending_.empty()) self->write();
         else if (self->ending_) return self->close();
-        if (self->handlers_.written) self->handlers_.written();
+        if (self->handlers_.written && !self->ending_) self->handlers_.written();
     };
     withStream([&](auto& stream) { asio::async_write(stream, asio::buffer(writing_), done); });
 }
 
+void Channel::giveUp(std::string const& reason) {
+    auto const closed = handlers_.closed;
+    end(reason);
+    if (closed) closed(reason);
+}
+
 void Channel::fail(std::string const& reason) {
     if (closed_) return;
+    bool const told = ending_;  // an ending channel has told its owner all it will
     close();
-    if (handlers_.closed) handlers_.closed(reason);
+    if (handlers_.closed && !told) handlers_.closed(reason);
 }
 
 } // namespace Q7Sync

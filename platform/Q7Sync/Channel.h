@@ -58,6 +58,9 @@ public:
     void end(std::string const& reason);
     // Closes at once; nothing more is told to the handlers.
     void close() noexcept;
+    // Its owner goes: a channel that is ending still tells its peer why, alone, for at most a
+    // heartbeat's time; any other closes at once. Nothing more is told to the handlers.
+    void release() noexcept;
 
     bool open() const noexcept { return !closed_; }
     bool secured() const noexcept { return tls_.has_value(); }
@@ -79,6 +82,9 @@ private:
     void read();
     void write();
     void heartbeat();
+    // This side gives up on the connection: the peer is told why, then the owner.
+    void giveUp(std::string const& reason);
+    // The connection failed under us: the owner is told why.
     void fail(std::string const& reason);
     std::string errorReason(asio::error_code const& ec) const;
 

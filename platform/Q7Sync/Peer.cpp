@@ -34,7 +34,7 @@ void Peer::stop() noexcept {
     asio::error_code ignored;
     socket_.close(ignored);
     for (auto& [id, stream] : streams_) stream.feed.reset();
-    if (channel_) channel_->close();
+    if (channel_) channel_->release();
     channel_.reset();
 }
 

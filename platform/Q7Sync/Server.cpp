@@ -24,7 +24,7 @@ ServerSession::ServerSession(asio::ip::tcp::socket socket, std::shared_ptr<Tls> 
       publicationOf_(std::move(publicationOf)), gone_(std::move(gone)) {}
 
 ServerSession::~ServerSession() {
-    channel_->close();
+    channel_->release();
     for (auto const& [stream, sink] : sinks_) sink->ended();
 }
 
