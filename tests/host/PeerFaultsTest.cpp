@@ -10,9 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <random>
 #include <regex>
 #include <set>
@@ -30,12 +28,11 @@
 namespace Kel::Q7Sync::Test {
 namespace {
 
-bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
-
-// Publishes the interfaces, runs `setup`, then listens on loopback: the port the system chose.
-std::uint16_t serve(AgentProcess& publisher, std::string const& setup) {
+// Publishes the interfaces, runs `setup`, then listens on loopback at `port`: the port bound,
+// the one the system chose for 0.
+std::uint16_t serve(AgentProcess& publisher, std::string const& setup, std::uint16_t port = 0) {
     publisher.send("publish /sys/state/interfaces\n" + setup);
-    std::string const listening = publisher.run("listen 127.0.0.1 0");
+    std::string const listening = publisher.run(fmt::format("listen 127.0.0.1 {}", port));
     return std::uint16_t(std::stoul(listening.substr(listening.find(" on port ") + 9)));
 }
 
@@ -103,8 +100,7 @@ public:
         for (char chunk[65536];;) {
             while (reader_.next(frame) == Q7Serdes::FrameReader::Result::frame)
                 if (enough(frame)) return true;
-            using std::chrono::milliseconds;
-            auto const left = std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
+            auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
             pollfd p{fd_, POLLIN, 0};
             if (left.count() <= 0 || ::poll(&p, 1, int(left.count())) <= 0) return false;
             ssize_t const n = ::recv(fd_, chunk, sizeof chunk, 0);
@@ -129,15 +125,19 @@ private:
 };
 
 // A publisher that hangs is dropped for its silence; back, it is resumed from the subscriber's
-// point rather than sent the whole state again.
-TEST(PeerFaults, AHungPublisherIsDroppedForItsSilenceAndResumedFromWhenItRunsAgain) {
+// point rather than sent the whole state again. Killed and restarted with other state, it is sent
+// the whole state, and what went meanwhile is deleted. All along, two paths share one connection.
+TEST(PeerFaults, AHungPublisherIsResumedFromAndARestartedOneIsMirroredAfresh) {
     AgentProcess publisher, subscriber;
+    std::string const routes = "publish /sys/state/routes\nset /sys/state/routes default eth0\n";
     std::uint16_t const port =
-        serve(publisher, "set /sys/state/interfaces eth0 up\nset /sys/state/interfaces eth1 up\n");
+        serve(publisher, routes + "set /sys/state/interfaces eth0 up\nset /sys/state/interfaces eth1 up\n");
     std::string const uri = interfacesAt(port), mirror = mirrorOf(port, "ifaces");
-    subscriber.send(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces ifaces\n", port));
+    subscriber.send(fmt::format("subscribe 127.0.0.1 {0} /sys/state/interfaces ifaces\n"
+                                "subscribe 127.0.0.1 {0} /sys/state/routes routes\n", port));
     ASSERT_TRUE(has(subscriber.run(fmt::format("wait status {} inSync", uri)), "(snapshot of 2 entries complete)"))
         << subscriber.output();
+    EXPECT_EQ(connectionsTo(port), 1);
 
     publisher.signal(SIGSTOP);
     // Read by the publisher as soon as it runs again: gone before the subscriber is back.
@@ -152,6 +152,17 @@ TEST(PeerFaults, AHungPublisherIsDroppedForItsSilenceAndResumedFromWhenItRunsAga
     EXPECT_TRUE(held(back)) << back;
     // Change 3 is the last it held: the publication's state, then eth0 and eth1 set.
     EXPECT_TRUE(has(back, "is inSync (resumed after change 3: ")) << back;
+
+    publisher.finish(SIGKILL);
+    EXPECT_TRUE(held(subscriber.run(fmt::format("wait status {} connecting 'next try in '", uri))));
+    publisher.start();
+    serve(publisher, routes + "set /sys/state/interfaces lo up\n", port);
+    std::string const afresh = subscriber.run(fmt::format("wait status {} inSync 'snapshot'\nget {}", uri, mirror));
+    EXPECT_TRUE(has(afresh, "complete, 1 stale deleted") && has(afresh, "'lo' = 'up'\n  (1 entry)")) << afresh;
+    EXPECT_EQ(connectionsTo(port), 1);
+    // The connection goes with the subscriptions: the subscriber closes it before it says so.
+    subscriber.run("release 1\nrelease 2");
+    EXPECT_EQ(connectionsTo(port), 0);
 }
 
 // A peer that stops reading costs the publisher one pending entry per key at most, whatever the
@@ -172,13 +183,8 @@ TEST(PeerFaults, APeerThatStopsReadingCostsThePublisherTheStateNotTheChanges) {
     std::jthread const beating([&raw](std::stop_token stop) {
         q7serdes::Frame beat;
         beat.mutable_heartbeat();
-        std::mutex mutex;
-        std::condition_variable_any wake;
-        std::unique_lock lock(mutex);
-        while (!stop.stop_requested()) {
-            raw.send(encoded(beat));
-            wake.wait_for(lock, stop, 1s, [] { return false; });
-        }
+        for (int tick = 0; !stop.stop_requested(); ++tick, std::this_thread::sleep_for(100ms))
+            if (tick % 10 == 0) raw.send(encoded(beat));
     });
 
     subscriber.signal(SIGSTOP);
@@ -225,16 +231,6 @@ TEST(PeerFaults, HostileBytesCloseOnlyTheirOwnConnectionAndSayWhy) {
     std::string const uri = interfacesAt(port);
     ASSERT_TRUE(has(subscriber.run(fmt::format("subscribe 127.0.0.1 {} /sys/state/interfaces ifaces\n"
                                                "wait status {} inSync", port, uri)), " is inSync"));
-    std::regex const connection(R"(connection (\S+): )");
-    auto const connections = [&] {
-        std::string const dump = publisher.run("show dumpStateQ7SyncService");
-        std::vector<std::string> names;
-        for (std::sregex_iterator it(dump.begin(), dump.end(), connection), end; it != end; ++it)
-            names.push_back((*it)[1]);
-        return names;
-    };
-    std::vector<std::string> const before = connections();
-
     std::mt19937 random(7);
     // As long as the largest frame accepted, so that whatever length the noise announces is reached.
     std::string noise(Q7Serdes::kMaxRequestFrameBytes + 16, '\0');
@@ -273,8 +269,7 @@ TEST(PeerFaults, HostileBytesCloseOnlyTheirOwnConnectionAndSayWhy) {
     }
     std::string const dump = publisher.run("show dumpStateQ7SyncService");
     for (auto const& close : closes) EXPECT_TRUE(has(dump, close)) << close << dump;
-    // Undisturbed: the same one connection, and no resume since the first snapshot.
-    EXPECT_EQ(connections(), before);
+    // Undisturbed: still the first snapshot's stream, never lost nor resumed.
     EXPECT_TRUE(has(subscriber.run("statuses"), uri + " inSync (snapshot of 1 entry complete)"))
         << subscriber.output();
 }
@@ -315,12 +310,11 @@ TEST(PeerFaults, OnlyPeersWithACertificateOfTheAuthorityAreServed) {
     std::string const mirrored = trusted.run(fmt::format("wait entry {} eth0 up", mirrorOf(port, "ifaces")));
     EXPECT_TRUE(held(mirrored)) << mirrored;
 
-    std::string const uri = interfacesAt(port);
-    std::string const inClear =
-        uri + " connecting (connection lost: closed by the peer: this agent accepts mutual TLS only: ";
-    EXPECT_TRUE(has(until(clear, "statuses", inClear), inClear)) << clear.output();
-    std::string const impostor = uri + " connecting (connection lost: refused at the TLS handshake: ";
-    EXPECT_TRUE(has(until(rogue, "statuses", impostor), impostor)) << rogue.output();
+    EXPECT_TRUE(held(clear.run(fmt::format("wait status {} connecting 'accepts mutual TLS only: '", interfacesAt(port)))))
+        << clear.output();
+    EXPECT_TRUE(held(rogue.run(fmt::format("wait status {} connecting 'connection lost: refused at the TLS handshake: '",
+                                           interfacesAt(port)))))
+        << rogue.output();
     std::string const refusal = ": refused at the TLS handshake: certificate verify failed\n";
     std::string const dump = until(publisher, "show dumpStateQ7SyncService", refusal);
     EXPECT_TRUE(has(dump, refusal) && has(dump, ": refused at the TLS handshake: the peer spoke in the clear\n"))

@@ -91,22 +91,6 @@ TEST_F(HostTest, ASubscriptionOfThisAgentsOwnPathMirrorsItThroughTheLoop) {
     EXPECT_EQ(shell.failures(), 1);
 }
 
-// writesync asks for the peer's write-sync path of the key, with WRITE; the service's own dump is a show command.
-TEST_F(HostTest, AWriteSyncRequestIsHeldAndTheServiceDumpIsShown) {
-    run("listen 127.0.0.1 0");
-    std::uint16_t const port = service().boundPort("127.0.0.1", 0);
-    std::string const remote = fmt::format("127.0.0.1:{}/q7/writeSync/peer/syncAttribute", port);
-    std::string const local = fmt::format("/q7/remote/127.0.0.1:{}/peer/syncAttribute", port);
-    EXPECT_EQ(run(fmt::format("writesync 127.0.0.1 {} peer", port)), fmt::format("  request 1 for {} -> {}\n", remote, local));
-    ASSERT_FALSE(calls().empty());
-    EXPECT_EQ(calls().back(), (::Q7Sync::Service::Call{"subscribe", fmt::format("{}, {}, WRITE", remote, local)}));
-    std::string const dump = service().dump();
-    ASSERT_FALSE(dump.empty());
-    EXPECT_EQ(run("show dumpStateQ7SyncService"), dump);
-    run("release 1");
-    run("listen off");
-}
-
 // Each bad line prints "error: ...; usage: <its usage>" and leaves module, host, service and state as they were.
 TEST_F(HostTest, AMalformedLineIsOneErrorWithItsUsageAndChangesNothing) {
     // A conflicting pair held back, a subscription of another type and flags, published state; no loop.

@@ -99,6 +99,8 @@ private:
     unsigned marks_ = 0;
 };
 
+inline bool has(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
+
 // Connections established to `port` on this machine, counted from the connecting side, as `ss` lists them.
 inline int connectionsTo(std::uint16_t port) {
     std::FILE* ss = ::popen(fmt::format("ss -tnH state established '( dport = :{} )'", port).c_str(), "r");

@@ -32,19 +32,15 @@ public:
 
     std::string const& dir() const noexcept { return dir_; }
     std::string ca() const { return dir_ + "/ca.pem"; }
-    std::string agentCertificate() const { return dir_ + "/agent.pem"; }
     std::string agentKey() const { return dir_ + "/agent.key"; }
-    // Signed by another authority, which ca() does not vouch for.
-    std::string rogueCertificate() const { return dir_ + "/rogue.pem"; }
-    std::string rogueKey() const { return dir_ + "/rogue.key"; }
 
     // q7agent's options for an agent that ca() vouches for.
     std::vector<std::string> agentArguments() const {
-        return {"--tls-cert", agentCertificate(), "--tls-key", agentKey(), "--tls-ca", ca()};
+        return {"--tls-cert", dir_ + "/agent.pem", "--tls-key", agentKey(), "--tls-ca", ca()};
     }
-    // For an impostor: a certificate that ca() does not vouch for, while it trusts ca() itself.
+    // For an impostor: a certificate of another authority, while it trusts ca() itself.
     std::vector<std::string> rogueArguments() const {
-        return {"--tls-cert", rogueCertificate(), "--tls-key", rogueKey(), "--tls-ca", ca()};
+        return {"--tls-cert", dir_ + "/rogue.pem", "--tls-key", dir_ + "/rogue.key", "--tls-ca", ca()};
     }
 
 private:
