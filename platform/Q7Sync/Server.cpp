@@ -103,10 +103,14 @@ std::string ServerSession::writeTarget(std::string const& path, std::string cons
         rest.ends_with("/"))
         return fmt::format("write-sync is accepted at {}/<key>/<attribute> only, not at '{}'", root, path);
     try {
-        if (!Wex::dirAt(root)) return fmt::format("this agent has no {} directory", root);
+        Lumo::Ptr<Wex::Dir> const dir = Wex::dirAt(root);
+        if (!dir) return fmt::format("this agent has no {} directory", root);
         Wex::AttributeAt at = Wex::attributeAt(path);
         if (!at) {
-            // The first write of a key makes its entity, of the writer's type as this agent knows it.
+            // The first write of a key makes its entity, of the writer's type as this agent knows it;
+            // writers cannot make the directory grow without bound.
+            if (dir->entities() >= kMaxWriteSyncKeys)
+                return fmt::format("{} holds its limit of {} keys", root, kMaxWriteSyncKeys);
             Wex::WexType const* made = Wex::typeNode(type);
             if (!made || !made->makesEntities()) return fmt::format("type '{}' is not known here", type);
             Wex::entityIs(path.substr(0, path.rfind('/')), made);

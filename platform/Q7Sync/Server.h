@@ -31,6 +31,8 @@ public:
     using PublicationOf = std::function<Publication*(std::string const& path)>;
     using Gone = std::function<void(ServerSession*, std::string const& reason)>;
     static constexpr std::size_t kMaxStreams = 1024;
+    // Keys that writers may make in the write-sync directory, all writers together.
+    static constexpr std::size_t kMaxWriteSyncKeys = 4096;
 
     ServerSession(asio::ip::tcp::socket socket, std::shared_ptr<Tls> tls, PublicationOf publicationOf, Gone gone);
     ~ServerSession();
