@@ -76,12 +76,21 @@ void ServerSession::onFrame(q7serdes::Frame const& frame) {
     }
 }
 
+bool ServerSession::opens(std::uint32_t stream) {
+    if (feeds_.count(stream) || sinks_.count(stream)) {
+        refuse(stream, fmt::format("stream {} is already in use", stream));
+        return false;
+    }
+    if (feeds_.size() + sinks_.size() >= kMaxStreams) {
+        end(fmt::format("more than {} streams on one connection", kMaxStreams));
+        return false;  // this session is gone
+    }
+    return true;
+}
+
 void ServerSession::subscribe(q7serdes::Subscribe const& subscribe) {
     std::uint32_t const stream = subscribe.stream();
-    if (feeds_.count(stream) || sinks_.count(stream))
-        return refuse(stream, fmt::format("stream {} is already in use", stream));
-    if (feeds_.size() + sinks_.size() >= kMaxStreams)
-        return end(fmt::format("more than {} streams on one connection", kMaxStreams));
+    if (!opens(stream)) return;
     Publication* publication = publicationOf_(subscribe.path());
     if (!publication) return refuse(stream, fmt::format("path '{}' is not published", subscribe.path()));
     auto feed = std::make_unique<Feed>(*publication, channel_, stream, [this, stream](std::string const& reason) {
@@ -126,10 +135,7 @@ std::string ServerSession::writeTarget(std::string const& path, std::string cons
 
 void ServerSession::write(q7serdes::Write const& write) {
     std::uint32_t const stream = write.stream();
-    if (feeds_.count(stream) || sinks_.count(stream))
-        return refuse(stream, fmt::format("stream {} is already in use", stream));
-    if (feeds_.size() + sinks_.size() >= kMaxStreams)
-        return end(fmt::format("more than {} streams on one connection", kMaxStreams));
+    if (!opens(stream)) return;
     if (std::string const refusal = writeTarget(write.path(), write.type()); !refusal.empty())
         return refuse(stream, refusal);
     auto sink = std::make_shared<Mirror>(write.path());

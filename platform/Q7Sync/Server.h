@@ -47,6 +47,9 @@ public:
 
 private:
     void onFrame(q7serdes::Frame const& frame);
+    // Whether a new stream may open under `stream`: refused when the id is taken, and the
+    // connection ended when it holds too many.
+    bool opens(std::uint32_t stream);
     void subscribe(q7serdes::Subscribe const& subscribe);
     void write(q7serdes::Write const& write);
     // Where write-sync data for `path` goes, or a reason to refuse it.
