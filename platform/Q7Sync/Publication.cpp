@@ -76,7 +76,12 @@ void Publication::changed(Wex::Value const& key) {
     ++seq_;
     log_.push_back(text);
     if (log_.size() > kResumeLog) log_.pop_front();
-    for (Feed* feed : feeds_) feed->changed(text);
+    if (feeds_.empty()) return;
+    // Read once for every feed, from the key as it came rather than from its text.
+    std::optional<std::string> value;
+    if (!keyed_) value = plainValue_;
+    else if (Wex::Value const now = at_.attr->member(at_.object(), key); !now.empty()) value = now.text();
+    for (Feed* feed : feeds_) feed->changed(text, value);
 }
 
 // --- Feed
@@ -116,8 +121,8 @@ void Feed::queue(std::string const& key) {
     queued_.insert(keys_.back());
 }
 
-std::size_t Feed::addTo(q7serdes::Change& change, std::string const& key) const {
-    if (auto value = publication_->valueOf(key)) {
+std::size_t Feed::addTo(q7serdes::Change& change, std::string const& key, std::optional<std::string> value) {
+    if (value) {
         auto& entry = *change.add_set();
         entry.set_key(key);
         entry.set_value(std::move(*value));
@@ -127,13 +132,13 @@ std::size_t Feed::addTo(q7serdes::Change& change, std::string const& key) const 
     return 0;
 }
 
-void Feed::changed(std::string const& key) {
+void Feed::changed(std::string const& key, std::optional<std::string> const& value) {
     // Nothing waits and there is room: the change goes as it is, with the point it brings the peer to.
     if (!inSyncDue_ && keys_.empty() && !channel_->windowFull()) {
         q7serdes::Frame frame;
         auto& change = *frame.mutable_change();
         change.set_stream(stream_);
-        addTo(change, key);
+        addTo(change, key, value);
         change.set_seq(publication_->seq());
         channel_->send(frame);
         return;
@@ -181,7 +186,7 @@ void Feed::flush() {
                     entry.set_value(std::move(*value));
                 }
             } else {
-                bytes += addTo(*change, key);
+                bytes += addTo(*change, key, publication_->valueOf(key));
             }
         }
         // The last of what waited brings the peer to the publication's point.

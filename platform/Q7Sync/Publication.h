@@ -93,11 +93,12 @@ public:
 
 private:
     friend class Publication;
-    void changed(std::string const& key);
+    // Entry `key` changed to `value` (nothing: deleted).
+    void changed(std::string const& key, std::optional<std::string> const& value);
     void publicationGone(std::string const& reason);
     void queue(std::string const& key);
-    // Adds the entry `key` as it stands to `change`, set or deleted; returns the value's size.
-    std::size_t addTo(q7serdes::Change& change, std::string const& key) const;
+    // Adds entry `key` to `change`: set to `value`, or deleted; returns the value's size.
+    static std::size_t addTo(q7serdes::Change& change, std::string const& key, std::optional<std::string> value);
 
     Publication* publication_;
     std::shared_ptr<Channel> channel_;
